@@ -1,0 +1,4 @@
+// KqAddress.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

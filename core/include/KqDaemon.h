@@ -1,0 +1,4 @@
+// KqDaemon.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

@@ -1,0 +1,4 @@
+// KqEnvBlock.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

@@ -1,0 +1,4 @@
+// KqFile.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

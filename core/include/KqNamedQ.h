@@ -1,0 +1,4 @@
+// KqNamedQ.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

@@ -1,0 +1,4 @@
+// KqRs232.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

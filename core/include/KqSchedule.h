@@ -1,0 +1,4 @@
+// KqSchedule.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

@@ -1,0 +1,4 @@
+// KqSocket.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

@@ -1,0 +1,4 @@
+// KqSync.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

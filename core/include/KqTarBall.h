@@ -1,0 +1,4 @@
+// KqTarBall.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

@@ -1,0 +1,4 @@
+// KqThread.h: not built yet.
+#pragma once
+
+#include "KqCore.h"

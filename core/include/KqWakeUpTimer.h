@@ -1,0 +1,4 @@
+// KqWakeUpTimer.h: not built yet.
+#pragma once
+
+#include "KqCore.h"
