@@ -2,3 +2,9 @@
 #pragma once
 
 #include "KqCore.h"
+
+// ---- CFile, CBufferedFile, CMappedMem ----
+
+
+// ---- CFs, CDirectory ----
+
