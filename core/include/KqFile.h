@@ -215,4 +215,122 @@ private:
 
 // ---- CFs, CDirectory ----
 
+// CFs: stateless helpers for paths and files, all static.
+//
+// The path helpers (StripPath, RemoveExtension, NormalizeFilename,
+// NormalizePath) work on text only: they never touch the file system and
+// cannot fail. The file helpers return true on success and false on any
+// failure; they print nothing and leave errno as the failing call set it.
+// Nothing is kept between calls, so every helper may be called from any
+// thread; what they do to the file system is as atomic as the single calls
+// they make (a rename is atomic, a copy is not).
+class KQ_API CFs {
+public:
+    // The file name part of path: what follows the last backslash if there
+    // is one (a backslash wins over any slash), else what follows the last
+    // '/', else path itself. "dir/" gives "".
+    static std::string StripPath(const std::string& path);
+    // StripPath(path) without its last ".ext"; "archive.tar.gz" gives
+    // "archive.tar" and ".profile" gives "".
+    static std::string RemoveExtension(const std::string& path);
+    // name with every backslash turned into '/', then without a leading
+    // drive prefix ("C:") if its second character is ':'. Nothing else is
+    // normalised. The second argument is not used.
+    static std::string NormalizeFilename(const std::string& name, const std::string& unused);
+    // NormalizeFilename(path), then with a '/' appended unless it is empty
+    // or already ends in one. The second argument is not used.
+    static std::string NormalizePath(const std::string& path, const std::string& unused);
+
+    // rename(from, to) succeeded.
+    static bool RenameFile(const std::string& from, const std::string& to);
+    // Copies the contents of from into to (created, or truncated if it
+    // exists) in pieces of 4096 bytes, and gives it from's owner and group;
+    // a new destination gets from's permission bits less the umask. False
+    // when any step fails: a regular destination created or truncated by
+    // the call is then removed. A destination that is the same file as from
+    // (same device and inode, links followed) is refused with false and
+    // errno EINVAL before anything is touched. Not synced; no timestamps.
+    static bool CopyFile(const std::string& from, const std::string& to);
+    // Renames from to to; when that fails (e.g. across file systems) copies
+    // with CopyFile and then unlinks from, whose result is not tested. False
+    // when both fail; a failed copy leaves from in place.
+    static bool MoveFile(const std::string& from, const std::string& to);
+    // mkdir(path, mode) succeeded: one directory, not its parents; the
+    // umask applies.
+    static bool MkDir(const std::string& path, unsigned int mode);
+    // unlink(path) succeeded.
+    static bool DelFile(const std::string& path);
+    // stat(path) succeeded: some node exists there, symbolic links followed
+    // (false for a dangling link).
+    static bool FsNodeExists(const std::string& path);
+};
+
+// CDirectory: an open directory stream plus the directory's path.
+//
+// Lists the directory entry by entry (every entry, or only those that are
+// not directories), opens, creates and measures files in it by name, adds
+// up the sizes of the files below it to a given depth, and removes the
+// whole tree through the shell. Opening a directory that does not exist
+// creates it (its parent must exist).
+//
+// The object owns its stream and is not copyable. It is used by one thread
+// at a time: GetNextEntry, GetNextFile and GetSize share the stream
+// position. The path (always ending in '/') stays set after a failed Open
+// and after Close; the name-based operations use it with or without an open
+// stream. Nothing is printed or thrown: failures show as false, null, 0 or
+// an empty string, with errno as the failing call set it.
+class KQ_API CDirectory : private CUncopyable {
+public:
+    // No stream, empty path.
+    CDirectory();
+    // Closes the stream if one is open.
+    virtual ~CDirectory();
+
+    // Opens path (a '/' is appended when missing), closing any open stream
+    // first; a missing directory whose parent exists is created with mode
+    // 0777 less the umask. False for an empty path (nothing changes, an open
+    // stream stays open) and when the directory can't be opened or created
+    // (the new path is kept, no stream is open).
+    bool Open(const std::string& path);
+    // Closes the stream if one is open; the path stays.
+    void Close();
+    // Starts the listing again from the first entry; nothing without a stream.
+    void Rewind();
+    // The name of the next entry, "." and ".." included; "" at the end and
+    // when no stream is open.
+    std::string GetNextEntry();
+    // The name of the next entry that is not a directory (links are not
+    // followed: a link to a directory, a dangling link, a fifo are returned);
+    // "" at the end and when no stream is open.
+    std::string GetNextFile();
+    // Runs "rm -rf '<path>'" through the shell, the path single-quoted
+    // (a relative path starting with '-' gets "./" in front); true when the
+    // command exits with 0, after which the directory itself is gone. False
+    // with errno EINVAL, running nothing, for an empty path and for any path
+    // to the root directory. The stream is neither closed nor rewound.
+    bool DeleteAllFiles();
+    // fopen of path + name with the fopen mode string mode; null on failure.
+    // name is appended unchanged and may hold further components.
+    FILE* OpenFile(const std::string& name, const std::string& mode) const;
+    // fclose(file) and its result; EOF for a null file.
+    int CloseFile(FILE* file) const;
+    // The byte length (st_size, links followed) of path + name; 0 when it
+    // can't be stated.
+    uint64_t GetFileSize(const std::string& name) const;
+    // Creates path + name with mode 0644 less the umask, or truncates it to
+    // length 0 if it exists; true when that succeeded.
+    bool CreateFile(const std::string& name) const;
+    // The sum of the byte lengths of the non-directory entries from the
+    // stream's current position on, descending depth levels into
+    // subdirectories (links followed; entries that can't be stated are
+    // skipped). 0 counts only this directory's files. Leaves the stream at
+    // its end without rewinding: a second call gives 0. 0 without a stream.
+    uint64_t GetSize(unsigned int depth);
+
+private:
+    struct Handle_t;  // the stream and the last entry read, in the source
+    Handle_t* m_pHandle;
+    std::string m_Path;
+};
+
 }  // namespace KQ
