@@ -27,8 +27,9 @@ namespace KQ {
 
 class KQ_API CRs232 : private CUncopyable {
 public:
-    // Flow control applied by Open.
-    enum FlowControl_e {
+    // Flow control applied by Open. The underlying type is int, so any int
+    // value is a valid (if unknown) flow control and means none.
+    enum FlowControl_e : int {
         eFlowNone = 0,      // none (also any value other than 1 and 2)
         eFlowHardware = 1,  // RTS/CTS: CRTSCTS in the control flags
         eFlowSoftware = 2   // XON/XOFF: IXON | IXOFF, VSTART 17 (DC1), VSTOP 19 (DC3)
