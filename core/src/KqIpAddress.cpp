@@ -17,7 +17,8 @@ namespace {
 bool ScanUnsigned(const char*& text, unsigned int& value)
 {
     const char* p = text;
-    while (isspace(static_cast<unsigned char>(*p))) {
+    // A digit is never a blank: the common case skips the locale lookup.
+    while ((*p < '0' || *p > '9') && isspace(static_cast<unsigned char>(*p))) {
         ++p;
     }
     const bool negative = (*p == '-');
@@ -31,7 +32,7 @@ bool ScanUnsigned(const char*& text, unsigned int& value)
     bool overflow = false;
     for (; *p >= '0' && *p <= '9'; ++p) {
         const unsigned long digit = static_cast<unsigned long>(*p - '0');
-        if (magnitude > (ULONG_MAX - digit) / 10) {
+        if (magnitude > ULONG_MAX / 10 || (magnitude == ULONG_MAX / 10 && digit > ULONG_MAX % 10)) {
             overflow = true;
         }
         magnitude = magnitude * 10 + digit;
