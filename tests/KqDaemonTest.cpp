@@ -122,18 +122,7 @@ TEST(DaemonQuit, BlockTakesAQuitFromAnotherThread)
 
 class DaemonSignal : public ::testing::TestWithParam<int> {};
 
-TEST_P(DaemonSignal, EachSignalAddsOneRequest)
-{
-    CDaemon daemon;
-    DrainQuitRequests();
-    raise(GetParam());
-    raise(GetParam());
-    EXPECT_TRUE(CDaemon::CheckQuit());
-    EXPECT_TRUE(CDaemon::CheckQuit());
-    EXPECT_FALSE(CDaemon::CheckQuit());
-}
-
-TEST_P(DaemonSignal, HandlerIsInstalledWithoutRestartAndOutlivesTheObject)
+TEST_P(DaemonSignal, EachSignalAddsOneRequestThroughAHandlerThatOutlivesTheObject)
 {
     signal(GetParam(), SIG_DFL);
     {
@@ -145,35 +134,28 @@ TEST_P(DaemonSignal, HandlerIsInstalledWithoutRestartAndOutlivesTheObject)
     EXPECT_EQ(current.sa_flags & SA_RESTART, 0);
     DrainQuitRequests();
     raise(GetParam());
+    raise(GetParam());
     EXPECT_TRUE(CDaemon::CheckQuit());
+    EXPECT_TRUE(CDaemon::CheckQuit());
+    EXPECT_FALSE(CDaemon::CheckQuit());
 }
 
 INSTANTIATE_TEST_SUITE_P(QuitSignals, DaemonSignal, ::testing::Values(SIGINT, SIGTERM));
 
-TEST(DaemonBlock, ProcessDirectedSigtermEndsTheBlock)
-{
-    CDaemon daemon;
-    DrainQuitRequests();
-    std::thread sender([] {
-        SleepMs(100);
-        kill(getpid(), SIGTERM);
-    });
-    const bool taken = CDaemon::Block();
-    sender.join();
-    // Whichever thread handled it, exactly one request arrived.
-    EXPECT_NE(taken, CDaemon::CheckQuit());
-    EXPECT_FALSE(CDaemon::CheckQuit());
-}
+// Sends SIGTERM to the whole process (any thread may handle it) or to the
+// thread blocked in Block() (its wait is interrupted).
+class DaemonBlock : public ::testing::TestWithParam<bool> {};
 
-TEST(DaemonBlock, SignalHandledByTheBlockedThreadLeavesItsRequestPending)
+TEST_P(DaemonBlock, SigtermEndsTheBlockAndNoRequestIsLost)
 {
     CDaemon daemon;
     DrainQuitRequests();
     const pthread_t blocked = pthread_self();
+    const bool toThread = GetParam();
     std::atomic<bool> done(false);
     std::thread sender([&] {
         SleepMs(100);
-        pthread_kill(blocked, SIGTERM);
+        toThread ? pthread_kill(blocked, SIGTERM) : kill(getpid(), SIGTERM);
         for (int i = 0; i < 500 && !done.load(); ++i) {
             SleepMs(10);
         }
@@ -187,6 +169,8 @@ TEST(DaemonBlock, SignalHandledByTheBlockedThreadLeavesItsRequestPending)
     EXPECT_NE(taken, CDaemon::CheckQuit()) << "the request is either taken or still pending";
     EXPECT_FALSE(CDaemon::CheckQuit());
 }
+
+INSTANTIATE_TEST_SUITE_P(Targets, DaemonBlock, ::testing::Values(false, true));
 
 // ---- PID file in the foreground ----
 

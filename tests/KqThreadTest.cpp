@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -16,8 +17,8 @@
 
 namespace KqThreadTestTypes {
 
-// A derived thread with an empty name: it is named after its type. It
-// cancels its thread first, as every derived class must.
+// A derived thread with an empty name, named after its type. It cancels its
+// thread first, as every derived class must.
 class Worker : public KQ::CThread {
 public:
     Worker() : CThread(KQ::MakeMemberFunctor<&Worker::Step>(this), std::string(), 1, SCHED_OTHER), m_Called(0) {}
@@ -46,91 +47,73 @@ uint64_t NowMs() { return KQ::Time::GetTicks1K(); }
 
 void SleepMs(unsigned int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
-// Runs body on a std::thread and waits for it, so that changes to the
-// calling thread's name, nice value or affinity stay off the test runner.
-template <class F>
-void OnOwnThread(F body)
-{
-    std::thread t(body);
-    t.join();
-}
+// Runs body on a std::thread, so that changes to the calling thread's name,
+// nice value or affinity stay off the test runner's main thread.
+void OnOwnThread(const std::function<void()>& body) { std::thread(body).join(); }
 
-// Counts functor calls and lets the test wait for them.
-struct CallCounter {
-    std::atomic<int> calls{0};
-    CSemaphore called{0};
-    bool result = false;
+// A CThread whose functor runs body (if any), counts the call, signals
+// m_Called and returns m_Result.
+struct Probe {
+    std::atomic<int> m_Calls{0};
+    CSemaphore m_Called{0};
+    bool m_Result = false;
+    std::function<void()> m_Body;
+    CThread m_Thread;
 
-    KQ::CFunctor<bool ()> Functor()
+    explicit Probe(const std::string& name, std::function<void()> body = nullptr, int priority = 1,
+        int policy = SCHED_OTHER)
+        : m_Body(std::move(body)), m_Thread(KQ::MakeFunctor([this] {
+              if (m_Body) {
+                  m_Body();
+              }
+              ++m_Calls;
+              m_Called.Signal();
+              return m_Result;
+          }),
+                                        name, priority, policy)
     {
-        return KQ::MakeFunctor([this] {
-            ++calls;
-            called.Signal();
-            return result;
-        });
     }
-    bool WaitCall() { return called.Wait(5000); }
+    // Runs the thread once and waits for the call; then cancels it.
+    bool RunOnceAndCancel()
+    {
+        m_Thread.Run();
+        return m_Called.Wait(5000) && m_Thread.Cancel();
+    }
 };
 
 // ---- start gate and naming ----
 
 TEST(ThreadStart, FunctorWaitsForTheFirstRun)
 {
-    CallCounter counter;
-    CThread thread(counter.Functor(), "gate", 1, SCHED_OTHER);
-    ASSERT_TRUE(thread.IsValid());
+    Probe probe("gate");
+    ASSERT_TRUE(probe.m_Thread.IsValid());
     SleepMs(100);
-    EXPECT_EQ(counter.calls.load(), 0);
-    thread.Run();
-    EXPECT_TRUE(counter.WaitCall());
-    EXPECT_TRUE(thread.Cancel());
-    EXPECT_FALSE(thread.IsValid());
+    EXPECT_EQ(probe.m_Calls.load(), 0);
+    EXPECT_TRUE(probe.RunOnceAndCancel());
+    EXPECT_FALSE(probe.m_Thread.IsValid());
 }
 
-struct NameCase {
-    const char* given;
-    const char* seen;
-};
-
-class ThreadNameCut : public ::testing::TestWithParam<NameCase> {};
-
-TEST_P(ThreadNameCut, ThreadNamesItselfCutToFifteenCharacters)
+TEST(ThreadNaming, ThreadNamesItselfCutToFifteenCharacters)
 {
-    std::string seen;
-    CSemaphore called(0);
-    CThread thread(KQ::MakeFunctor([&] {
-        seen = CThread::GetName();
-        called.Signal();
-        return false;
-    }),
-        GetParam().given, 1, SCHED_OTHER);
-    ASSERT_TRUE(thread.IsValid());
-    thread.Run();
-    ASSERT_TRUE(called.Wait(5000));
-    EXPECT_TRUE(thread.Cancel());
-    EXPECT_EQ(seen, GetParam().seen);
+    const char* const cases[][2] = {
+        {"KQ-CWakeUpTimer", "KQ-CWakeUpTimer"}, {"short", "short"}, {"a-name-longer-than-fifteen", "a-name-longer-t"}};
+    for (const auto& c : cases) {
+        std::string seen;
+        Probe probe(c[0], [&seen] { seen = CThread::GetName(); });
+        EXPECT_TRUE(probe.RunOnceAndCancel());
+        EXPECT_EQ(seen, c[1]);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Names, ThreadNameCut,
-    ::testing::Values(NameCase{"KQ-CWakeUpTimer", "KQ-CWakeUpTimer"}, NameCase{"short", "short"},
-        NameCase{"a-name-longer-than-fifteen", "a-name-longer-t"}));
 
 TEST(ThreadNaming, EmptyNameGivesTheDemangledTypeName)
 {
     KqThreadTestTypes::Worker worker;
-    ASSERT_TRUE(worker.IsValid());
     worker.Run();
     ASSERT_TRUE(worker.m_Called.Wait(5000));
     EXPECT_TRUE(worker.Cancel());
     EXPECT_EQ(worker.m_SeenName, std::string("KqThreadTestTypes::Worker").substr(0, 15));
-}
-
-TEST(ThreadNaming, TypeNamesAreDemangled)
-{
-    EXPECT_EQ(CThread::GetTypeName(typeid(int)), "int");
     EXPECT_EQ(CThread::GetTypeName(typeid(int*)), "int*");
     EXPECT_EQ(CThread::GetTypeName(typeid(KqThreadTestTypes::Holder<long>)), "KqThreadTestTypes::Holder<long>");
-    EXPECT_EQ(CThread::GetTypeName(typeid(KqThreadTestTypes::Worker)), "KqThreadTestTypes::Worker");
 }
 
 TEST(ThreadNaming, SetNameAndGetNameOnTheCallingThread)
@@ -147,181 +130,123 @@ TEST(ThreadNaming, SetNameAndGetNameOnTheCallingThread)
 
 TEST(ThreadPause, FalseResultParksUntilEachRun)
 {
-    CallCounter counter;
-    CThread thread(counter.Functor(), "false-once", 1, SCHED_OTHER);
-    ASSERT_TRUE(thread.IsValid());
+    Probe probe("false-once");
     for (int round = 1; round <= 3; ++round) {
-        thread.Run();
-        ASSERT_TRUE(counter.WaitCall());
+        probe.m_Thread.Run();
+        ASSERT_TRUE(probe.m_Called.Wait(5000));
         SleepMs(50);
-        EXPECT_EQ(counter.calls.load(), round);
+        EXPECT_EQ(probe.m_Calls.load(), round);
     }
-    EXPECT_TRUE(thread.Cancel());
+    EXPECT_TRUE(probe.m_Thread.Cancel());
 }
 
 TEST(ThreadPause, PauseLetsTheCurrentCallFinishAndStopsTheNext)
 {
     CSemaphore entered(0), proceed(0);
-    std::atomic<int> calls(0), finished(0);
-    CThread thread(KQ::MakeFunctor([&] {
-        ++calls;
+    Probe probe("pause", [&] {
         entered.Signal();
         proceed.Wait(10000);
-        ++finished;
-        return true;
-    }),
-        "pause", 1, SCHED_OTHER);
-    ASSERT_TRUE(thread.IsValid());
-    thread.Run();
+    });
+    probe.m_Result = true;
+    probe.m_Thread.Run();
     ASSERT_TRUE(entered.Wait(5000));
-    thread.Pause();
+    probe.m_Thread.Pause();
     proceed.Signal();
-    const uint64_t start = NowMs();
-    while (finished.load() < 1 && NowMs() - start < 5000) {
-        SleepMs(1);
-    }
+    ASSERT_TRUE(probe.m_Called.Wait(5000)) << "the current call finishes";
     SleepMs(100);
-    EXPECT_EQ(finished.load(), 1);
-    EXPECT_EQ(calls.load(), 1);
+    EXPECT_EQ(probe.m_Calls.load(), 1);
+    EXPECT_FALSE(entered.TryWait()) << "no next call while paused";
 
-    thread.Run();
+    probe.m_Thread.Run();
     ASSERT_TRUE(entered.Wait(5000));
-    EXPECT_EQ(calls.load(), 2);
-    thread.Pause();
+    probe.m_Thread.Pause();
     proceed.Signal();
-    EXPECT_TRUE(thread.Cancel());
-}
-
-TEST(ThreadPause, TrueResultKeepsCalling)
-{
-    CallCounter counter;
-    counter.result = true;
-    CThread thread(counter.Functor(), "busy", 1, SCHED_OTHER);
-    thread.Run();
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_TRUE(counter.WaitCall());
-    }
-    EXPECT_TRUE(thread.Cancel());
+    EXPECT_TRUE(probe.m_Thread.Cancel());
 }
 
 // ---- cancellation ----
 
 TEST(ThreadCancel, ParkedAtTheGateEndsWithoutCallingTheFunctor)
 {
-    CallCounter counter;
-    CThread thread(counter.Functor(), "parked", 1, SCHED_OTHER);
-    ASSERT_TRUE(thread.IsValid());
+    Probe probe("parked");
     SleepMs(20);
-    EXPECT_TRUE(thread.Cancel());
-    EXPECT_FALSE(thread.IsValid());
-    EXPECT_EQ(counter.calls.load(), 0);
+    EXPECT_TRUE(probe.m_Thread.Cancel());
+    EXPECT_FALSE(probe.m_Thread.IsValid());
+    EXPECT_EQ(probe.m_Calls.load(), 0);
+    EXPECT_FALSE(probe.m_Thread.Cancel()) << "nothing left to cancel";
+    EXPECT_FALSE(probe.m_Thread.Join());
 }
 
-TEST(ThreadCancel, ImmediatelyAfterConstructionEnds)
-{
-    CallCounter counter;
-    CThread thread(counter.Functor(), "at-once", 1, SCHED_OTHER);
-    EXPECT_TRUE(thread.Cancel());
-    EXPECT_FALSE(thread.IsValid());
-    EXPECT_EQ(counter.calls.load(), 0);
-}
-
-enum BlockKind_e { eSemaphoreWait, eSemaphoreTimedWait, eSleep };
-
-class ThreadCancelBlocked : public ::testing::TestWithParam<BlockKind_e> {};
+class ThreadCancelBlocked : public ::testing::TestWithParam<int> {};
 
 TEST_P(ThreadCancelBlocked, SignalBreaksTheBlockingCall)
 {
     CSemaphore never(0), entered(0);
-    const BlockKind_e kind = GetParam();
-    CThread thread(KQ::MakeFunctor([&] {
+    const std::function<void()> blocks[] = {
+        [&] { never.Wait(); }, [&] { never.Wait(60000); }, [] { CThread::Sleep(60000); }};
+    const std::function<void()> block = blocks[GetParam()];
+    Probe probe("blocked", [&] {
         entered.Signal();
-        switch (kind) {
-        case eSemaphoreWait:
-            never.Wait();
-            break;
-        case eSemaphoreTimedWait:
-            never.Wait(60000);
-            break;
-        case eSleep:
-            CThread::Sleep(60000);
-            break;
-        }
-        return true;
-    }),
-        "blocked", 1, SCHED_OTHER);
-    thread.Run();
+        block();
+    });
+    probe.m_Thread.Run();
     ASSERT_TRUE(entered.Wait(5000));
     SleepMs(20);
     const uint64_t start = NowMs();
-    EXPECT_TRUE(thread.Cancel());
+    EXPECT_TRUE(probe.m_Thread.Cancel());
     EXPECT_LT(NowMs() - start, 4000u);
-    EXPECT_FALSE(thread.IsValid());
+    EXPECT_FALSE(probe.m_Thread.IsValid());
 }
 
-INSTANTIATE_TEST_SUITE_P(Blocks, ThreadCancelBlocked, ::testing::Values(eSemaphoreWait, eSemaphoreTimedWait, eSleep));
+// 0: CSemaphore::Wait(), 1: CSemaphore::Wait(60000), 2: CThread::Sleep(60000).
+INSTANTIATE_TEST_SUITE_P(Blocks, ThreadCancelBlocked, ::testing::Values(0, 1, 2));
 
 TEST(ThreadCancel, SpinningFunctorOutlastsTheTwelveRounds)
 {
     std::atomic<bool> stop(false), entered(false);
-    CThread thread(KQ::MakeFunctor([&] {
+    Probe probe("spinner", [&] {
         entered = true;
         while (!stop.load()) {
             CThread::Yield();
         }
-        return true;
-    }),
-        "spinner", 1, SCHED_OTHER);
-    thread.Run();
+    });
+    probe.m_Thread.Run();
     while (!entered.load()) {
         SleepMs(1);
     }
     const uint64_t start = NowMs();
-    EXPECT_FALSE(thread.Cancel());
-    const uint64_t elapsed = NowMs() - start;
-    EXPECT_GE(elapsed, 4000u);
-    EXPECT_LT(elapsed, 4095u + 3000u);
-    EXPECT_TRUE(thread.IsValid()) << "a thread that did not end is not joined";
+    EXPECT_FALSE(probe.m_Thread.Cancel());
+    EXPECT_GE(NowMs() - start, 4000u);
+    EXPECT_LT(NowMs() - start, 4095u + 3000u);
+    EXPECT_TRUE(probe.m_Thread.IsValid()) << "a thread that did not end is not joined";
 
     stop = true;  // the quit flag is still set: the loop ends after this call
-    EXPECT_TRUE(thread.Join());
-    EXPECT_FALSE(thread.IsValid());
+    EXPECT_TRUE(probe.m_Thread.Join());
+    EXPECT_FALSE(probe.m_Thread.IsValid());
 }
 
 TEST(ThreadCancel, ObjectWithoutThreadRefusesEveryControl)
 {
-    CallCounter counter;
-    CThread thread(counter.Functor(), "bad-policy", 1, 12345);
-    EXPECT_FALSE(thread.IsValid());
-    EXPECT_FALSE(thread.Signal());
-    EXPECT_FALSE(thread.Cancel());
-    EXPECT_FALSE(thread.Join());
-    EXPECT_FALSE(thread.SetAffinity(0u));
-    thread.Run();
-    SleepMs(20);
-    EXPECT_EQ(counter.calls.load(), 0);
+    Probe probe("bad-policy", nullptr, 1, 12345);
+    EXPECT_FALSE(probe.m_Thread.IsValid());
+    EXPECT_FALSE(probe.m_Thread.Signal());
+    EXPECT_FALSE(probe.m_Thread.Cancel());
+    EXPECT_FALSE(probe.m_Thread.Join());
+    EXPECT_FALSE(probe.m_Thread.SetAffinity(0u));
+    probe.m_Thread.Run();
+    EXPECT_FALSE(probe.m_Called.Wait(20));
 }
 
-TEST(ThreadCancel, SecondCancelAfterJoinReturnsFalse)
-{
-    CallCounter counter;
-    CThread thread(counter.Functor(), "twice", 1, SCHED_OTHER);
-    EXPECT_TRUE(thread.Cancel());
-    EXPECT_FALSE(thread.Cancel());
-    EXPECT_FALSE(thread.Join());
-}
-
-TEST(ThreadDestroy, DestructorStopsARunningThread)
+TEST(ThreadCancel, DestructorStopsARunningThread)
 {
     std::atomic<int> calls(0);
     {
-        CThread thread(KQ::MakeFunctor([&] {
+        Probe probe("destroyed", [&] {
             ++calls;
             CThread::Sleep(1);
-            return true;
-        }),
-            "destroyed", 1, SCHED_OTHER);
-        thread.Run();
+        });
+        probe.m_Result = true;
+        probe.m_Thread.Run();
         while (calls.load() < 3) {
             SleepMs(1);
         }
@@ -331,17 +256,15 @@ TEST(ThreadDestroy, DestructorStopsARunningThread)
     EXPECT_EQ(calls.load(), after) << "no call after destruction";
 }
 
-TEST(ThreadSignals, ConstructionInstallsAWakeHandlerWithoutRestart)
+TEST(ThreadCancel, ConstructionInstallsAWakeHandlerWithoutRestart)
 {
     signal(SIGUSR1, SIG_DFL);
-    CallCounter counter;
-    CThread thread(counter.Functor(), "handler", 1, SCHED_OTHER);
+    Probe probe("handler");
     struct sigaction current = {};
     ASSERT_EQ(sigaction(SIGUSR1, nullptr, &current), 0);
     EXPECT_NE(current.sa_handler, SIG_DFL);
     EXPECT_NE(current.sa_handler, SIG_IGN);
     EXPECT_EQ(current.sa_flags & SA_RESTART, 0);
-    EXPECT_TRUE(thread.Cancel());
 }
 
 // ---- priorities ----
@@ -364,35 +287,22 @@ TEST(ThreadPriority, OrdinaryPolicyUsesTheNiceScale)
     });
 }
 
-TEST(ThreadPriority, LibraryLoadSetTheNormalPriority)
+TEST(ThreadPriority, LoadAndThreadStartSetTheNiceValue)
 {
-    // The loading thread is the test runner's main thread; std::thread
-    // inherits its nice value.
-    OnOwnThread([] {
-        if (setpriority(PRIO_PROCESS, 0, -1) != 0 && errno == EACCES) {
-            GTEST_SKIP() << "no privilege to raise the nice value";
-        }
-    });
+    bool privileged = true;
+    OnOwnThread([&] { privileged = setpriority(PRIO_PROCESS, 0, -1) == 0 || errno != EACCES; });
+    if (!privileged) {
+        GTEST_SKIP() << "no privilege to raise the nice value";
+    }
+    // The test runner's main thread loaded the library.
     EXPECT_EQ(-getpriority(PRIO_PROCESS, 0), CThread::GetNormalPriority());
-}
-
-TEST(ThreadPriority, OrdinaryThreadTakesItsPriorityAsNiceValue)
-{
     int seen = 0;
-    CSemaphore called(0);
-    CThread thread(KQ::MakeFunctor([&] {
-        seen = CThread::GetPriority();
-        called.Signal();
-        return false;
-    }),
-        "nice", 5, SCHED_OTHER);
-    thread.Run();
-    ASSERT_TRUE(called.Wait(5000));
-    EXPECT_TRUE(thread.Cancel());
+    Probe probe("nice", [&] { seen = CThread::GetPriority(); }, 5);
+    EXPECT_TRUE(probe.RunOnceAndCancel());
     EXPECT_EQ(seen, 5);
 }
 
-// True if this process may create SCHED_FIFO threads.
+// True if this process may create SCHED_FIFO threads (false on EPERM).
 bool CanUseFifo()
 {
     pthread_attr_t attr;
@@ -416,57 +326,21 @@ TEST(ThreadPriority, FifoThreadRunsAtItsStaticPriority)
     if (!CanUseFifo()) {
         GTEST_SKIP() << "SCHED_FIFO refused with EPERM (no CAP_SYS_NICE)";
     }
-    struct Seen {
-        int policy, priority, lowest, highest, normal, above, below;
-    } seen = {};
-    CSemaphore called(0);
-    CThread thread(KQ::MakeFunctor([&] {
-        seen = {CThread::GetPolicy(), CThread::GetPriority(), CThread::GetLowestPriority(),
+    int seen[7] = {};
+    Probe probe("fifo", [&] {
+        const int values[7] = {CThread::GetPolicy(), CThread::GetPriority(), CThread::GetLowestPriority(),
             CThread::GetHighestPriority(), CThread::GetNormalPriority(), CThread::GetValidPriority(100),
             CThread::GetValidPriority(-50)};
-        called.Signal();
-        return false;
-    }),
-        "fifo", 10, SCHED_FIFO);
-    ASSERT_TRUE(thread.IsValid());
-    thread.Run();
-    ASSERT_TRUE(called.Wait(5000));
-    EXPECT_TRUE(thread.Cancel());
-    EXPECT_EQ(seen.policy, SCHED_FIFO);
-    EXPECT_EQ(seen.priority, 10);
-    EXPECT_EQ(seen.lowest, 1);
-    EXPECT_EQ(seen.highest, 99);
-    EXPECT_EQ(seen.normal, 1);
-    EXPECT_EQ(seen.above, 99);
-    EXPECT_EQ(seen.below, 1);
-}
-
-TEST(ThreadPriority, RoundRobinThreadBlockedInAWaitIsCancelled)
-{
-    if (!CanUseFifo()) {
-        GTEST_SKIP() << "real-time policies refused with EPERM (no CAP_SYS_NICE)";
+        std::copy(values, values + 7, seen);
+    }, 10, SCHED_FIFO);
+    ASSERT_TRUE(probe.m_Thread.IsValid());
+    EXPECT_TRUE(probe.RunOnceAndCancel());
+    const int expected[7] = {SCHED_FIFO, 10, 1, 99, 1, 99, 1};
+    for (int i = 0; i < 7; ++i) {
+        EXPECT_EQ(seen[i], expected[i]) << "value " << i;
     }
-    CSemaphore never(0), entered(0);
-    int policy = -1;
-    CThread thread(KQ::MakeFunctor([&] {
-        policy = CThread::GetPolicy();
-        entered.Signal();
-        never.Wait();
-        return true;
-    }),
-        "rr", 5, SCHED_RR);
-    ASSERT_TRUE(thread.IsValid());
-    thread.Run();
-    ASSERT_TRUE(entered.Wait(5000));
-    EXPECT_TRUE(thread.Cancel());
-    EXPECT_EQ(policy, SCHED_RR);
-}
-
-TEST(ThreadPriority, InvalidRealTimePriorityGivesNoThread)
-{
-    CallCounter counter;
-    CThread thread(counter.Functor(), "fifo-bad", 100, SCHED_FIFO);
-    EXPECT_FALSE(thread.IsValid());
+    Probe outOfRange("fifo-bad", nullptr, 100, SCHED_FIFO);
+    EXPECT_FALSE(outOfRange.m_Thread.IsValid());
 }
 
 // ---- affinity ----
@@ -476,23 +350,15 @@ TEST(ThreadAffinity, CallingThreadSetsAndReadsItsCpus)
     OnOwnThread([] {
         const std::set<unsigned int> all = CThread::GetAffinity();
         ASSERT_FALSE(all.empty());
-        const unsigned int first = *all.begin();
-        EXPECT_TRUE(CThread::SetAffinity(std::set<unsigned int>{first}));
-        EXPECT_EQ(CThread::GetAffinity(), std::set<unsigned int>{first});
-        EXPECT_TRUE(CThread::SetAffinity(std::set<unsigned int>{first, 5000u}));  // 5000 is ignored
-        EXPECT_EQ(CThread::GetAffinity(), std::set<unsigned int>{first});
+        const std::set<unsigned int> first{*all.begin()};
+        EXPECT_TRUE(CThread::SetAffinity(first));
+        EXPECT_EQ(CThread::GetAffinity(), first);
+        EXPECT_FALSE(CThread::SetAffinity(std::set<unsigned int>())) << "empty mask";
+        EXPECT_FALSE(CThread::SetAffinity(std::set<unsigned int>{1024u, 4096u})) << "only ignored CPUs";
+        EXPECT_TRUE(CThread::SetAffinity(std::set<unsigned int>{*all.begin(), 5000u}));
+        EXPECT_EQ(CThread::GetAffinity(), first);
         EXPECT_TRUE(CThread::SetAffinity(all));
         EXPECT_EQ(CThread::GetAffinity(), all);
-    });
-}
-
-TEST(ThreadAffinity, EmptyOrOutOfRangeMasksAreRefused)
-{
-    OnOwnThread([] {
-        const std::set<unsigned int> before = CThread::GetAffinity();
-        EXPECT_FALSE(CThread::SetAffinity(std::set<unsigned int>()));
-        EXPECT_FALSE(CThread::SetAffinity(std::set<unsigned int>{1024u, 4096u}));
-        EXPECT_EQ(CThread::GetAffinity(), before);
     });
 }
 
@@ -518,18 +384,10 @@ TEST(ThreadAffinity, MemberPinsTheObjectsThread)
 {
     const unsigned int cpu = *CThread::GetAffinity().begin();
     std::set<unsigned int> seen;
-    CSemaphore called(0);
-    CThread thread(KQ::MakeFunctor([&] {
-        seen = CThread::GetAffinity();
-        called.Signal();
-        return false;
-    }),
-        "pinned", 1, SCHED_OTHER);
-    EXPECT_FALSE(thread.SetAffinity(1024u));
-    EXPECT_TRUE(thread.SetAffinity(cpu));
-    thread.Run();
-    ASSERT_TRUE(called.Wait(5000));
-    EXPECT_TRUE(thread.Cancel());
+    Probe probe("pinned", [&] { seen = CThread::GetAffinity(); });
+    EXPECT_FALSE(probe.m_Thread.SetAffinity(1024u));
+    EXPECT_TRUE(probe.m_Thread.SetAffinity(cpu));
+    EXPECT_TRUE(probe.RunOnceAndCancel());
     EXPECT_EQ(seen, std::set<unsigned int>{cpu});
 }
 
@@ -537,21 +395,18 @@ TEST(ThreadAffinity, MemberPinsTheObjectsThread)
 
 TEST(ThreadSleep, SleepsTheWholeTime)
 {
-    const unsigned int cases[] = {0u, 20u, 1500u};
-    for (unsigned int ms : cases) {
+    for (unsigned int ms : {0u, 20u, 1500u}) {
         const uint64_t start = NowMs();
         EXPECT_TRUE(CThread::Sleep(ms)) << ms;
-        const uint64_t elapsed = NowMs() - start;
-        EXPECT_GE(elapsed + 1, ms) << ms;
-        EXPECT_LT(elapsed, ms + 1000u) << ms;
+        EXPECT_GE(NowMs() - start + 1, ms) << ms;
+        EXPECT_LT(NowMs() - start, ms + 1000u) << ms;
     }
     EXPECT_TRUE(CThread::Yield());
 }
 
 TEST(ThreadSleep, SignalCutsTheSleepShort)
 {
-    CallCounter counter;
-    CThread installer(counter.Functor(), "installer", 1, SCHED_OTHER);  // installs the SIGUSR1 handler
+    Probe installer("installer");  // installs the SIGUSR1 handler
     std::atomic<bool> done(false);
     bool result = true;
     std::thread sleeper([&] {
@@ -566,7 +421,6 @@ TEST(ThreadSleep, SignalCutsTheSleepShort)
     sleeper.join();
     EXPECT_FALSE(result);
     EXPECT_LT(NowMs() - start, 5000u);
-    EXPECT_TRUE(installer.Cancel());
 }
 
 }  // namespace
