@@ -28,21 +28,6 @@ int FlagsOf(CFile::Mode_e mode)
     }
 }
 
-// Permission bits of a file created with an access class; unknown values 0.
-mode_t PermissionsOf(CFile::Access_e access)
-{
-    switch (access) {
-    case CFile::eAccessRead:
-        return 0444;
-    case CFile::eAccessReadWrite:
-        return 0666;
-    case CFile::eAccessReadWriteExecute:
-        return 0777;
-    default:
-        return 0;
-    }
-}
-
 // A byte count from a read/write result: errors count as 0.
 size_t CountOf(ssize_t result)
 {
@@ -79,7 +64,7 @@ bool CFile::Open(const std::string& path, Mode_e mode, Access_e access, bool syn
     }
     m_Access = access;
     const int flags = FlagsOf(mode) | (sync ? O_SYNC : 0);
-    m_pHandle->m_Descriptor = open(path.c_str(), flags, PermissionsOf(access));
+    m_pHandle->m_Descriptor = open(path.c_str(), flags, INTERNAL::AccessBitsOf(access).m_Permissions);
     return IsValid();
 }
 

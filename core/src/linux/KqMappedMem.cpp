@@ -4,24 +4,6 @@
 #include <sys/mman.h>
 
 namespace KQ {
-namespace {
-
-// mmap protection of an access class; unknown values PROT_NONE.
-int ProtectionOf(CFile::Access_e access)
-{
-    switch (access) {
-    case CFile::eAccessRead:
-        return PROT_READ;
-    case CFile::eAccessReadWrite:
-        return PROT_READ | PROT_WRITE;
-    case CFile::eAccessReadWriteExecute:
-        return PROT_READ | PROT_WRITE | PROT_EXEC;
-    default:
-        return PROT_NONE;
-    }
-}
-
-}  // namespace
 
 CMappedMem::CMappedMem() : m_pMemory(nullptr), m_Size(0) {}
 
@@ -85,7 +67,7 @@ void CMappedMem::PerformMap(const CFile& file, unsigned long offset)
 {
     const int descriptor = file.m_pHandle->m_Descriptor;
     const int flags = descriptor != -1 ? MAP_SHARED : MAP_SHARED | MAP_ANONYMOUS;
-    void* memory = mmap(nullptr, m_Size, ProtectionOf(file.m_Access), flags, descriptor, static_cast<off_t>(offset));
+    void* memory = mmap(nullptr, m_Size, INTERNAL::AccessBitsOf(file.m_Access).m_Protection, flags, descriptor, static_cast<off_t>(offset));
     m_pMemory = memory == MAP_FAILED ? nullptr : memory;
 }
 
