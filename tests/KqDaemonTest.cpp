@@ -10,11 +10,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <signal.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -253,6 +255,42 @@ TEST(DaemonDetach, PidFileStderrFileAndRemoval)
     ASSERT_EQ(kill(static_cast<pid_t>(daemonPid), SIGTERM), 0);
     ASSERT_TRUE(WaitForFile(done));
     EXPECT_FALSE(Exists(pid));
+}
+
+TEST(DaemonDetach, FailedDetachReportsOnStderrAndStillWritesThePidFile)
+{
+    KqTest::TempDir dir;
+    const std::string shared = dir / "shared";
+    ASSERT_EQ(mkdir(shared.c_str(), 0777), 0);
+    ASSERT_EQ(chmod(shared.c_str(), 0777), 0);
+    ASSERT_EQ(chmod(dir.Path().c_str(), 0755), 0);
+    const std::string pid = shared + "/svc.pid";
+    const std::string report = shared + "/report";
+    const std::string err = dir / "err.txt";
+    const int status = RunInChild(dir / "out.txt", [&] {
+        const int fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, STDERR_FILENO);
+        // Without privilege and with no process left to the user, fork fails.
+        const rlimit none = {0, 0};
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || setuid(65534) != 0) {
+            _exit(3);
+        }
+        CDaemon daemon;
+        const bool result = daemon.Daemonize(false, pid);
+        Publish(report, std::string(result ? "true " : "false ") + std::to_string(getpid()));
+        _exit(0);  // keep the PID file
+    });
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_NE(WEXITSTATUS(status), 3) << "could not drop privileges";
+    ASSERT_TRUE(Exists(report));
+    std::istringstream fields(ReadFile(report));
+    std::string result;
+    long childPid = 0;
+    fields >> result >> childPid;
+    EXPECT_EQ(result, "false");
+    EXPECT_EQ(ReadFile(pid), std::to_string(childPid) + "\n") << "the id is recorded without detaching";
+    EXPECT_EQ(ReadFile(dir / "out.txt"), "Daemonizing...\n");
+    EXPECT_EQ(ReadFile(err), std::string("Failed to daemonize: ") + std::strerror(EAGAIN));
 }
 
 struct StderrNameCase {
