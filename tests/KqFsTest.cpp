@@ -1,5 +1,6 @@
-// Tests of CFs: the path-text table, and copies, moves and node helpers on
-// real files in a fresh temporary directory.
+// Tests of CFs and CDirectory on real files and directories in a fresh
+// temporary directory: the path-text table, copies and moves, listings with
+// links and fifos, sizes to a depth, and removal through the shell.
 #include "KqFile.h"
 #include "KqTestSupport.h"
 
@@ -7,61 +8,43 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
+#include <set>
+#include <vector>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-using KQ::CFs;
+using namespace KQ;
+namespace fs = std::filesystem;
 
 namespace {
 
-std::string ReadAll(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+// Two whole copy pieces of 4096 bytes and a partial one, each piece different.
+const std::string DATA = std::string(4096, 'a') + std::string(4096, 'b') + std::string(1809, 'c');
 
-void WriteAll(const std::string& path, const std::string& text, mode_t mode = 0644)
-{
-    std::ofstream(path, std::ios::binary) << text;
-    chmod(path.c_str(), mode);
-}
+std::string ReadAll(const std::string& p) { return {std::istreambuf_iterator<char>(std::ifstream(p).rdbuf()), {}}; }
 
-struct stat StatOf(const std::string& path)
-{
-    struct stat node = {};
-    EXPECT_EQ(0, stat(path.c_str(), &node)) << path;
-    return node;
-}
+void WriteAll(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
-// Bytes that differ from piece to piece, 10,001 of them: two whole pieces of
-// 4096 and a partial one.
-std::string Pattern(size_t length = 10001)
+std::set<std::string> ListAll(CDirectory& dir, std::string (CDirectory::*next)())
 {
-    std::string text(length, '\0');
-    for (size_t i = 0; i < length; ++i) {
-        text[i] = static_cast<char>(i * 7 + i / 4096);
+    std::set<std::string> names;
+    for (std::string name = (dir.*next)(); !name.empty(); name = (dir.*next)()) {
+        names.insert(name);
     }
-    return text;
+    return names;
 }
 
 }  // namespace
 
 TEST(CFsPathHelpers, TableRowByRow)
 {
-    struct Row {
-        const char* input;
-        const char* strip;
-        const char* noExtension;
-        const char* filename;
-        const char* path;
-    };
-    const Row rows[] = {
+    // input, StripPath, RemoveExtension, NormalizeFilename, NormalizePath
+    const char* const rows[][5] = {
         {"dir/sub/file.txt", "file.txt", "file", "dir/sub/file.txt", "dir/sub/file.txt/"},
         {"C:\\dir\\file.txt", "file.txt", "file", "/dir/file.txt", "/dir/file.txt/"},
         {"a\\b/c", "b/c", "b/c", "a/b/c", "a/b/c/"},
@@ -73,167 +56,153 @@ TEST(CFsPathHelpers, TableRowByRow)
         {"x:", "x:", "x:", "", ""},
         {"", "", "", "", ""},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.input);
-        EXPECT_EQ(row.strip, CFs::StripPath(row.input));
-        EXPECT_EQ(row.noExtension, CFs::RemoveExtension(row.input));
-        EXPECT_EQ(row.filename, CFs::NormalizeFilename(row.input, "ignored"));
-        EXPECT_EQ(row.path, CFs::NormalizePath(row.input, ""));
+    for (const auto& row : rows) {
+        const std::vector<std::string> got = {CFs::StripPath(row[0]), CFs::RemoveExtension(row[0]),
+                                              CFs::NormalizeFilename(row[0], "x"), CFs::NormalizePath(row[0], "")};
+        EXPECT_EQ(std::vector<std::string>(row + 1, row + 5), got) << row[0];
     }
 }
 
-TEST(CFsCopyFile, NewDestinationGetsContentAndModeLessUmask)
+TEST(CFsCopyFile, ContentAndModeThenMoveAcrossFileSystems)
 {
     KqTest::TempDir dir;
-    const mode_t old = umask(027);
-    for (size_t length : {size_t(0), size_t(4096), size_t(10001)}) {
-        WriteAll(dir / "src", Pattern(length), 0775);
-        EXPECT_TRUE(CFs::CopyFile(dir / "src", dir / "new")) << length;
-        EXPECT_EQ(Pattern(length), ReadAll(dir / "new"));
-        EXPECT_EQ(0750u, StatOf(dir / "new").st_mode & 07777);
-        EXPECT_TRUE(CFs::DelFile(dir / "new"));
-    }
-    umask(old);
-}
-
-TEST(CFsCopyFile, ExistingDestinationIsTruncatedAndKeepsItsMode)
-{
-    KqTest::TempDir dir;
-    WriteAll(dir / "src", "short", 0755);
-    WriteAll(dir / "dst", Pattern(), 0600);
-    ASSERT_TRUE(CFs::CopyFile(dir / "src", dir / "dst"));
-    EXPECT_EQ("short", ReadAll(dir / "dst"));
-    EXPECT_EQ(0600u, StatOf(dir / "dst").st_mode & 07777);
-}
-
-TEST(CFsCopyFile, GivesTheSourceOwnerOrFailsWithoutTrace)
-{
-    KqTest::TempDir dir;
-    WriteAll(dir / "src", "owned");
-    if (geteuid() == 0) {
-        ASSERT_EQ(0, chown((dir / "src").c_str(), 4321, 4322));
-        ASSERT_TRUE(CFs::CopyFile(dir / "src", dir / "dst"));
-        EXPECT_EQ(4321u, StatOf(dir / "dst").st_uid);
-        EXPECT_EQ(4322u, StatOf(dir / "dst").st_gid);
-    } else {
-        // fchown to another user is refused to an unprivileged process.
-        EXPECT_FALSE(CFs::CopyFile("/etc/passwd", dir / "dst"));
-        EXPECT_EQ(EPERM, errno);
-        EXPECT_FALSE(CFs::FsNodeExists(dir / "dst"));
-    }
-}
-
-TEST(CFsCopyFile, MissingSourceTouchesNothing)
-{
-    KqTest::TempDir dir;
-    EXPECT_FALSE(CFs::CopyFile(dir / "missing", dir / "dst"));
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "dst"));
-    WriteAll(dir / "dst", "kept");
-    EXPECT_FALSE(CFs::CopyFile(dir / "missing", dir / "dst"));
-    EXPECT_EQ("kept", ReadAll(dir / "dst"));
+    WriteAll(dir / "src", DATA);
+    WriteAll(dir / "old", DATA + DATA);
+    fs::permissions(dir / "src", fs::perms(0775));
+    fs::permissions(dir / "old", fs::perms(0600));
+    const mode_t mask = umask(027);
+    EXPECT_TRUE(CFs::CopyFile(dir / "src", dir / "new"));
+    EXPECT_TRUE(CFs::CopyFile(dir / "src", dir / "old"));
+    umask(mask);
+    EXPECT_EQ(DATA, ReadAll(dir / "new"));
+    EXPECT_EQ(DATA, ReadAll(dir / "old"));                                // truncated first
+    EXPECT_EQ(fs::perms(0750), fs::status(dir / "new").permissions());  // the source's bits less the umask
+    EXPECT_EQ(fs::perms(0600), fs::status(dir / "old").permissions());  // kept
+    EXPECT_FALSE(CFs::CopyFile(dir / "missing", dir / "none"));
+    EXPECT_FALSE(CFs::FsNodeExists(dir / "none"));
+    // /dev/shm is another file system here, where rename fails with EXDEV.
+    const std::string other = "/dev/shm/kq-move-" + std::to_string(getpid());
+    ASSERT_TRUE(CFs::MoveFile(dir / "new", other));
+    EXPECT_FALSE(CFs::FsNodeExists(dir / "new"));
+    EXPECT_EQ(DATA, ReadAll(other));
+    EXPECT_TRUE(CFs::DelFile(other));
 }
 
 TEST(CFsCopyFile, FailedWriteRemovesTheDestination)
 {
     KqTest::TempDir dir;
-    WriteAll(dir / "src", Pattern());
+    WriteAll(dir / "src", DATA);
     WriteAll(dir / "dst", "existing");
-    // A file-size limit of one piece makes the second write fail with EFBIG
-    // (SIGXFSZ ignored), as a full file system would.
+    // A file-size limit of one piece fails the second write with EFBIG (SIGXFSZ ignored), like a full disk.
     struct rlimit saved;
-    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
-    struct rlimit limited = saved;
-    limited.rlim_cur = 4096;
-    void (*oldHandler)(int) = signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &saved);
+    const struct rlimit limited = {4096, saved.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limited));
     const bool copied = CFs::CopyFile(dir / "src", dir / "dst");
     const int error = errno;
     setrlimit(RLIMIT_FSIZE, &saved);
-    signal(SIGXFSZ, oldHandler);
+    signal(SIGXFSZ, SIG_DFL);
     EXPECT_FALSE(copied);
     EXPECT_EQ(EFBIG, error);
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "dst"));
-    EXPECT_EQ(Pattern(), ReadAll(dir / "src"));
-}
-
-TEST(CFsCopyFile, FailedReadRemovesTheDestination)
-{
-    KqTest::TempDir dir;
-    ASSERT_TRUE(CFs::MkDir(dir / "sub", 0755));  // stat and open succeed, read fails
-    WriteAll(dir / "dst", "truncated");
-    EXPECT_FALSE(CFs::CopyFile(dir / "sub", dir / "dst"));
-    EXPECT_EQ(EISDIR, errno);
     EXPECT_FALSE(CFs::FsNodeExists(dir / "dst"));
 }
 
 TEST(CFsCopyFile, SameFileIsRefusedUntouched)
 {
     KqTest::TempDir dir;
-    WriteAll(dir / "src", Pattern());
+    WriteAll(dir / "src", DATA);
     ASSERT_EQ(0, link((dir / "src").c_str(), (dir / "hard").c_str()));
     ASSERT_EQ(0, symlink("src", (dir / "soft").c_str()));
-    ASSERT_TRUE(CFs::MkDir(dir / "sub", 0755));
-    for (const std::string& to : {dir / "src", dir / "hard", dir / "soft", dir / "sub/../src"}) {
+    for (const std::string& to : {dir / "src", dir / "hard", dir / "soft"}) {
         errno = 0;
-        EXPECT_FALSE(CFs::CopyFile(dir / "src", to)) << to;
-        EXPECT_EQ(EINVAL, errno);
         EXPECT_FALSE(CFs::CopyFile(dir / "soft", to)) << to;
-        EXPECT_EQ(Pattern(), ReadAll(dir / "src"));
+        EXPECT_EQ(EINVAL, errno);
+        EXPECT_EQ(DATA, ReadAll(dir / "src"));
     }
 }
 
-TEST(CFsMoveFile, RenamesWithinOneFileSystem)
+TEST(CDirectoryOpen, CreatesTheLastComponentAndWorksOnNamesInIt)
 {
-    KqTest::TempDir dir;
-    WriteAll(dir / "src", "moved");
-    const ino_t inode = StatOf(dir / "src").st_ino;
-    ASSERT_TRUE(CFs::MoveFile(dir / "src", dir / "dst"));
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "src"));
-    EXPECT_EQ(inode, StatOf(dir / "dst").st_ino);
-    EXPECT_FALSE(CFs::MoveFile(dir / "src", dir / "again"));
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "again"));
+    KqTest::TempDir tmp;
+    CDirectory dir;
+    EXPECT_FALSE(dir.Open(tmp / "new/sub"));  // only the last component is created
+    EXPECT_FALSE(dir.CreateFile("f"));        // in the path of the failed Open
+    ASSERT_TRUE(dir.Open(tmp / "new"));
+    EXPECT_FALSE(dir.Open(""));  // changes nothing: the stream stays open
+    WriteAll(tmp / "new/f", "hello");
+    EXPECT_EQ(5u, dir.GetFileSize("f"));
+    EXPECT_TRUE(dir.CreateFile("f"));  // truncates
+    EXPECT_EQ(0u, dir.GetFileSize("f"));
+    EXPECT_EQ(0, dir.CloseFile(dir.OpenFile("f", "r")));
+    EXPECT_EQ(nullptr, dir.OpenFile("missing", "r"));
+    EXPECT_EQ(std::set<std::string>({".", "..", "f"}), ListAll(dir, &CDirectory::GetNextEntry));
 }
 
-TEST(CFsMoveFile, CopiesAndDeletesAcrossFileSystems)
+TEST(CDirectory, ListingsAndSizesWithLinksFifosAndDepths)
 {
-    KqTest::TempDir dir;
-    const std::string other = "/dev/shm/kq-move-" + std::to_string(getpid());
-    if (access("/dev/shm", W_OK) != 0 || StatOf("/dev/shm").st_dev == StatOf(dir.Path()).st_dev) {
-        GTEST_SKIP() << "/dev/shm is not a separate, writable file system here";
+    KqTest::TempDir tmp;
+    // Four levels of two files and a subdirectory d, sizes differing per file.
+    std::string path = tmp.Path();
+    for (int level = 0; level < 4; ++level, path += "/d") {
+        ASSERT_TRUE(CFs::MkDir(path + "/d", 0755));
+        WriteAll(path + "/f", std::string(level + 1, 'k'));
+        WriteAll(path + "/g", std::string(100 * level + 10, 'k'));
     }
-    WriteAll(dir / "src", Pattern(), 0640);
-    ASSERT_TRUE(CFs::MoveFile(dir / "src", other));
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "src"));
-    EXPECT_EQ(Pattern(), ReadAll(other));
-    EXPECT_EQ(0640u, StatOf(other).st_mode & 07777);
-    EXPECT_TRUE(CFs::DelFile(other));
+    ASSERT_EQ(0, mkfifo((tmp / "fifo").c_str(), 0644));
+    ASSERT_EQ(0, symlink("d/d", (tmp / "to-dir").c_str()));
+    ASSERT_EQ(0, symlink("nowhere", (tmp / "dangling").c_str()));
+    EXPECT_FALSE(CFs::FsNodeExists(tmp / "dangling"));
+    CDirectory dir;
+    ASSERT_TRUE(dir.Open(tmp.Path()));
+    EXPECT_EQ(std::set<std::string>({"f", "g", "fifo", "to-dir", "dangling"}), ListAll(dir, &CDirectory::GetNextFile));
+    EXPECT_EQ("", dir.GetNextEntry());  // both listings share the stream
+    dir.Rewind();
+    EXPECT_EQ(std::set<std::string>({".", "..", "d", "f", "g", "fifo", "to-dir", "dangling"}),
+              ListAll(dir, &CDirectory::GetNextEntry));
+    // GetSize against the stat sizes of the regular files at most depth levels below, links followed.
+    for (int depth : {0, 1, 2, 3, 100}) {
+        uint64_t statSum = 0;
+        for (fs::recursive_directory_iterator it(tmp.Path(), fs::directory_options::follow_directory_symlink), end;
+             it != end; ++it) {
+            statSum += it->is_regular_file() && it.depth() <= depth ? it->file_size() : 0;
+        }
+        dir.Rewind();
+        EXPECT_EQ(statSum, dir.GetSize(depth)) << depth;
+        EXPECT_EQ(0u, dir.GetSize(depth));  // the stream is at its end
+    }
 }
 
-TEST(CFsNodes, MkDirDelFileRenameAndExists)
+TEST(CDirectoryDeleteAllFiles, RemovesExactlyThePathWhateverItHolds)
 {
-    KqTest::TempDir dir;
-    const mode_t old = umask(022);
-    EXPECT_TRUE(CFs::MkDir(dir / "d", 0777));
-    umask(old);
-    EXPECT_EQ(040755u, StatOf(dir / "d").st_mode);
-    EXPECT_FALSE(CFs::MkDir(dir / "d", 0777));
-    EXPECT_EQ(EEXIST, errno);
-    EXPECT_FALSE(CFs::MkDir(dir / "no/parent", 0777));
-    EXPECT_EQ(ENOENT, errno);
+    KqTest::TempDir tmp;
+    const fs::path home = fs::current_path();
+    fs::current_path(tmp.Path());
+    WriteAll("a", "sentinel");  // unquoted, the first name removes "a" and runs touch here
+    // "-i x" is relative and would be taken for options of rm without a "./" in front.
+    for (const auto& name : {tmp / "a 'b' c; touch pwned; echo ", std::string("-i x"), tmp / "q\"$(touch pwned)\\"}) {
+        CDirectory dir;
+        ASSERT_TRUE(dir.Open(name));
+        ASSERT_TRUE(dir.CreateFile("x"));
+        EXPECT_TRUE(dir.DeleteAllFiles()) << name;
+        EXPECT_FALSE(CFs::FsNodeExists(name));
+    }
+    EXPECT_TRUE(CFs::FsNodeExists("a"));
+    EXPECT_FALSE(CFs::FsNodeExists("pwned"));
+    fs::current_path(home);
+}
 
-    WriteAll(dir / "f", "x");
-    ASSERT_EQ(0, symlink("f", (dir / "link").c_str()));
-    ASSERT_EQ(0, symlink("gone", (dir / "dangling").c_str()));
-    EXPECT_TRUE(CFs::FsNodeExists(dir / "d"));
-    EXPECT_TRUE(CFs::FsNodeExists(dir / "link"));
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "dangling"));
-
-    EXPECT_TRUE(CFs::DelFile(dir / "link"));  // the link, not its target
-    EXPECT_TRUE(CFs::FsNodeExists(dir / "f"));
-    EXPECT_FALSE(CFs::DelFile(dir / "link"));
-    EXPECT_EQ(ENOENT, errno);
-
-    EXPECT_TRUE(CFs::RenameFile(dir / "f", dir / "g"));
-    EXPECT_FALSE(CFs::RenameFile(dir / "f", dir / "h"));
+TEST(CDirectoryDeleteAllFiles, RefusesAnEmptyPathAndTheRoot)
+{
+    // With no rm to be found, a refusal that fails still removes nothing.
+    const std::string path = getenv("PATH");
+    setenv("PATH", "/nonexistent", 1);
+    for (const char* root : {"", "/", "//", "/tmp/..", "/."}) {
+        CDirectory dir;
+        EXPECT_EQ(*root != '\0', dir.Open(root));
+        errno = 0;
+        EXPECT_FALSE(dir.DeleteAllFiles()) << root;
+        EXPECT_EQ(EINVAL, errno);
+    }
+    setenv("PATH", path.c_str(), 1);
 }
