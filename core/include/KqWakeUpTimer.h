@@ -146,6 +146,9 @@ protected:
     std::set<EventData_t*, EventData_t::OrderById> m_EventsById;
 
 private:
+    typedef std::set<EventData_t*, EventData_t::OrderById> IdSet_t;
+    IdSet_t::const_iterator FindById(unsigned int id) const;
+    bool IsFreeId(unsigned int id) const;
     void FreeAllEvents();
 };
 

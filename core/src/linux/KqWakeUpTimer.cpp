@@ -128,7 +128,8 @@ bool CWakeUpTimer::AddEvent(IProcessRequests* owner, unsigned int interval, unsi
         }
         record = new EventData_t{owner, 0, 0, id, false};
         try {
-            m_EventsById.insert(record);
+            // Fresh ids are nearly always the largest: the end is the hint.
+            m_EventsById.insert(m_EventsById.end(), record);
         } catch (...) {
             delete record;
             id = INVALID_ID;
@@ -150,11 +151,12 @@ bool CWakeUpTimer::AddEvent(IProcessRequests* owner, unsigned int interval, unsi
 
 bool CWakeUpTimer::RemoveEvent(unsigned int& id, bool deleteRecord)
 {
-    EventData_t* record = FindEvent(id);
-    if (record == nullptr) {
+    const auto byId = FindById(id);
+    if (byId == m_EventsById.end()) {
         id = INVALID_ID;
         return false;
     }
+    EventData_t* record = *byId;
     const auto scheduled = m_EventsByTime.find(record);
     if (scheduled != m_EventsByTime.end()) {
         m_EventsByTime.erase(scheduled);
@@ -162,7 +164,7 @@ bool CWakeUpTimer::RemoveEvent(unsigned int& id, bool deleteRecord)
     if (!deleteRecord) {
         return true;
     }
-    m_EventsById.erase(m_EventsById.find(record));
+    m_EventsById.erase(byId);
     delete record;
     id = INVALID_ID;
     return true;
@@ -180,9 +182,23 @@ bool CWakeUpTimer::UpdateEvent(IProcessRequests* owner, unsigned int& id, unsign
 
 CWakeUpTimer::EventData_t* CWakeUpTimer::FindEvent(unsigned int id) const
 {
-    EventData_t key{nullptr, 0, 0, id, false};
-    const auto it = m_EventsById.find(&key);
+    const auto it = FindById(id);
     return it == m_EventsById.end() ? nullptr : *it;
+}
+
+CWakeUpTimer::IdSet_t::const_iterator CWakeUpTimer::FindById(unsigned int id) const
+{
+    EventData_t key{nullptr, 0, 0, id, false};
+    return m_EventsById.find(&key);
+}
+
+bool CWakeUpTimer::IsFreeId(unsigned int id) const
+{
+    if (id == INVALID_ID) {
+        return false;
+    }
+    // Above the largest live id nothing needs to be looked up.
+    return m_EventsById.empty() || (*m_EventsById.rbegin())->id < id || FindEvent(id) == nullptr;
 }
 
 unsigned int CWakeUpTimer::CreateUniqueEventId()
@@ -195,7 +211,7 @@ unsigned int CWakeUpTimer::CreateUniqueEventId()
     unsigned int candidate = m_LastEventId;
     do {
         ++candidate;
-        if (candidate != INVALID_ID && FindEvent(candidate) == nullptr) {
+        if (IsFreeId(candidate)) {
             m_LastEventId = candidate;
             return candidate;
         }
