@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include <sys/prctl.h>
+
 namespace {
 
 using KQ::CWakeUpTimer;
@@ -267,6 +269,21 @@ TEST(WakeUpTimerOperations, ResultsAndIdSideEffects)
     EXPECT_FALSE(timer->RemoveEvent(replaced)) << "a null owner still deletes the old event";
 }
 
+TEST(WakeUpTimerOperations, ReplacingWithANullOwnerStopsAWaitingPass)
+{
+    // The timer thread waits for this event's due time; the failed
+    // replacement still deletes it, and the waiting pass must not call it.
+    Recorder owner;
+    auto timer = MakeTimer();
+    unsigned int id = NONE;
+    ASSERT_TRUE(timer->AddEvent(&owner, 100, id, false));
+    SleepMs(20);
+    EXPECT_FALSE(timer->AddOrUpdateEvent(nullptr, 10, id, false));
+    EXPECT_EQ(id, NONE);
+    SleepMs(200);
+    EXPECT_EQ(owner.Count(), 0u);
+}
+
 TEST(WakeUpTimerOperations, OneShotIsGoneAfterItsCallback)
 {
     Recorder owner;
@@ -351,10 +368,12 @@ TEST(WakeUpTimerLifetime, ThreadIsNamedAndDestructionStopsCallbacks)
 {
     Recorder owner;
     std::string name;
+    int slack = 0;
     auto timer = MakeTimer();
     owner.action = [&](unsigned int) {
         if (name.empty()) {
             name = KQ::CThread::GetName();
+            slack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
         }
     };
     for (int i = 0; i < 20; ++i) {
@@ -367,6 +386,7 @@ TEST(WakeUpTimerLifetime, ThreadIsNamedAndDestructionStopsCallbacks)
     SleepMs(100);
     EXPECT_EQ(owner.Count(), atDestruction);
     EXPECT_EQ(name, "KQ-CWakeUpTimer");
+    EXPECT_EQ(slack, 1) << "the timer thread wakes without timer slack";
 }
 
 TEST(WakeUpTimerLifetime, DestructionWaitsForARunningCallback)
