@@ -44,43 +44,20 @@ long MillisecondsSince(Clock_t::time_point start)
 const CIpAddress ANY(0, 0, 0, 0);
 const CIpAddress LOOPBACK(127, 0, 0, 1);
 
-// Redirects standard error (descriptor 2, where perror writes) into a file
-// until Text() is called or the object goes.
+// Collects what perror writes to standard error until Text() is called.
 class StderrCapture {
 public:
-    StderrCapture() : m_File(std::tmpfile()), m_Saved(dup(2))
-    {
-        std::fflush(stderr);
-        dup2(fileno(m_File), 2);
-    }
-    ~StderrCapture()
-    {
-        Restore();
-        std::fclose(m_File);
-    }
+    StderrCapture() { testing::internal::CaptureStderr(); }
+    ~StderrCapture() { Text(); }
     std::string Text()
     {
-        Restore();
-        std::string text;
-        std::rewind(m_File);
-        for (int c = std::fgetc(m_File); c != EOF; c = std::fgetc(m_File)) {
-            text.push_back(static_cast<char>(c));
-        }
+        const std::string text = m_Done ? std::string() : testing::internal::GetCapturedStderr();
+        m_Done = true;
         return text;
     }
 
 private:
-    void Restore()
-    {
-        if (m_Saved != -1) {
-            std::fflush(stderr);
-            dup2(m_Saved, 2);
-            close(m_Saved);
-            m_Saved = -1;
-        }
-    }
-    std::FILE* m_File;
-    int m_Saved;
+    bool m_Done = false;
 };
 
 // What perror prints for message with errno value error.
@@ -96,11 +73,11 @@ public:
     explicit PlainUdp(const CIpAddress& address = LOOPBACK, unsigned short port = 0)
         : m_Fd(socket(AF_INET, SOCK_DGRAM, 0))
     {
-        sockaddr_in local = Raw(address, port);
-        socklen_t length = sizeof local;
-        EXPECT_EQ(0, bind(m_Fd, reinterpret_cast<sockaddr*>(&local), length));
-        getsockname(m_Fd, reinterpret_cast<sockaddr*>(&local), &length);
-        m_Port = ntohs(local.sin_port);
+        CInetSocketAddress local(address, port);
+        socklen_t length = sizeof(sockaddr_in);
+        EXPECT_EQ(0, bind(m_Fd, local.GetSockAddr(), length));
+        getsockname(m_Fd, local.GetSockAddr(), &length);
+        m_Port = local.GetPort();
     }
     ~PlainUdp() { close(m_Fd); }
 
@@ -108,8 +85,8 @@ public:
     int Fd() const { return m_Fd; }
     ssize_t SendTo(const CIpAddress& address, unsigned short port, const std::string& text) const
     {
-        const sockaddr_in to = Raw(address, port);
-        return sendto(m_Fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+        const CInetSocketAddress to(address, port);
+        return sendto(m_Fd, text.data(), text.size(), 0, to.GetSockAddr(), sizeof(sockaddr_in));
     }
     // One datagram, waiting at most a second; empty on time-out.
     std::string Receive() const
@@ -122,14 +99,6 @@ public:
     }
 
 private:
-    static sockaddr_in Raw(const CIpAddress& address, unsigned short port)
-    {
-        sockaddr_in raw = {};
-        raw.sin_family = AF_INET;
-        raw.sin_port = htons(port);
-        raw.sin_addr.s_addr = htonl(address.GetIpInt());
-        return raw;
-    }
     int m_Fd;
     unsigned short m_Port;
 };

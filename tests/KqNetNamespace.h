@@ -5,16 +5,12 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include <fcntl.h>
-#include <net/if.h>
-#include <net/route.h>
-#include <netinet/in.h>
 #include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace KqTest {
@@ -26,52 +22,16 @@ inline std::string Failure(const char* what)
     return std::string(what) + " failed: " + std::strerror(errno);
 }
 
-inline sockaddr_in Ipv4(in_addr_t hostOrder)
-{
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(hostOrder);
-    return address;
-}
-
-// Brings lo up with IFF_MULTICAST and routes 224.0.0.0/4 through it.
-inline std::string ConfigureLoopback(int fd)
-{
-    ifreq request = {};
-    std::strcpy(request.ifr_name, "lo");
-    if (ioctl(fd, SIOCGIFFLAGS, &request) != 0) {
-        return Failure("SIOCGIFFLAGS on lo");
-    }
-    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP | IFF_MULTICAST);
-    if (ioctl(fd, SIOCSIFFLAGS, &request) != 0) {
-        return Failure("SIOCSIFFLAGS on lo");
-    }
-    rtentry route = {};
-    char device[] = "lo";
-    const sockaddr_in destination = Ipv4(0xE0000000u);  // 224.0.0.0
-    const sockaddr_in mask = Ipv4(0xF0000000u);         // /4
-    std::memcpy(&route.rt_dst, &destination, sizeof destination);
-    std::memcpy(&route.rt_genmask, &mask, sizeof mask);
-    route.rt_flags = RTF_UP;
-    route.rt_dev = device;
-    if (ioctl(fd, SIOCADDRT, &route) != 0) {
-        return Failure("adding the 224.0.0.0/4 route on lo");
-    }
-    return std::string();
-}
-
 inline std::string EnterAndConfigure()
 {
     if (unshare(CLONE_NEWNET) != 0) {
         return Failure("unshare(CLONE_NEWNET)");
     }
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd == -1) {
-        return Failure("socket in the new namespace");
+    // lo starts down and without multicast in a new namespace.
+    if (std::system("ip link set lo up multicast on && ip route add 224.0.0.0/4 dev lo") != 0) {
+        return "configuring lo with ip (iproute2) failed";
     }
-    const std::string result = ConfigureLoopback(fd);
-    close(fd);
-    return result;
+    return std::string();
 }
 
 // Enters and configures the namespace; on failure goes back to the original
