@@ -58,15 +58,14 @@ TEST(ScheduleOrder, PassBeforeTheDueTimeWaitsAndRunsNothing)
 {
     CSchedule schedule;
     std::vector<int> log;
-    CSchedule::CEvent event = schedule.AddEvent(Append(log, 1), 60, false);
+    CSchedule::CEvent event = schedule.AddEvent(Append(log, 1), 200, false);
     schedule.ProcessSchedule();  // takes the add's wake-up at once
-    const uint64_t start = KQ::Time::GetTicks1G();
+    EXPECT_TRUE(log.empty());
     schedule.ProcessSchedule();
     EXPECT_TRUE(log.empty());
-    EXPECT_GE(KQ::Time::GetTicks1G() - start, 40 * NS_PER_MS) << "the pass waited for the due time";
+    EXPECT_GE(KQ::Time::GetTicks1G() + NS_PER_MS, event.m_pEvent->dueTimeNs) << "the pass waited for the due time";
     schedule.ProcessSchedule();
     ASSERT_EQ(log.size(), 1u) << "runs once less than a millisecond remains";
-    EXPECT_GE(KQ::Time::GetTicks1G() + NS_PER_MS, event.m_pEvent->dueTimeNs);
 }
 
 TEST(SchedulePeriodic, IntervalZeroHoldsTheFront)
@@ -103,7 +102,6 @@ TEST(SchedulePeriodic, LateOwnerMakesUpRunsOnTheGrid)
     const size_t runs = log.size();
     EXPECT_GE(runs, 5u);
     EXPECT_EQ(event.m_pEvent->dueTimeNs, firstDue + runs * period * NS_PER_MS);
-    EXPECT_GT(event.m_pEvent->dueTimeNs + NS_PER_MS, KQ::Time::GetTicks1G());
 }
 
 TEST(ScheduleCancel, CancelledEventIsCountedUntilItReachesTheFront)
