@@ -533,6 +533,8 @@ TEST(CMappedMemFile, RefusesClosedAndEmptyFilesAndASecondMapping)
     EXPECT_EQ(3u, map.GetSize());
 }
 
+// MapMemory carries its access class in a CFile whose open fails, so this
+// also shows that a failed Open keeps the access class it was given.
 TEST(CMappedMemAnonymous, GivesZeroedMemoryWithTheAccessClassProtection)
 {
     const struct {
