@@ -1,11 +1,9 @@
 // Tests of the address values: IPv4, IPv6 and MAC.
 #include "KqAddress.h"
-#include "KqOutput.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 
 #include <cstring>
 #include <random>
@@ -16,7 +14,6 @@ using KQ::CIpAddress;
 using KQ::CIpV6Address;
 using KQ::CMacAddress;
 using Bytes = KQ::CSlice<unsigned char>;
-using ::testing::PrintToString;
 
 namespace {
 
@@ -48,9 +45,9 @@ TEST(IpAddress, ParsesDottedDecimal)
         {"1.2.3.4/24", true, "1.2.3.4"},          {"1. 2. 3. 4", true, "1.2.3.4"},
         {" \t1.2.3.4", true, "1.2.3.4"},          {"1 .2.3.4", false, "0.0.0.0"},
         {"010.001.000.009", true, "10.1.0.9"},    {"", false, "0.0.0.0"},
-        {"a.b.c.d", false, "0.0.0.0"},            {"1.2.3.4.5", true, "1.2.3.4"},
-        {"1..2.3", false, "0.0.0.0"},             {"-1.2.3.4", false, "0.0.0.0"},
-        {"-0.+1.2.3", true, "0.1.2.3"},           {"99999999999999999999999.1.1.1", false, "0.0.0.0"},
+        {"1..2.3", false, "0.0.0.0"},             {"1.2.3.4.5", true, "1.2.3.4"},
+        {"-1.2.3.4", false, "0.0.0.0"},           {"-0.+1.2.3", true, "0.1.2.3"},
+        {"99999999999999999999999.1.1.1", false, "0.0.0.0"},
     };
     for (const auto& [text, accepted, expected] : cases) {
         CIpAddress address(10, 1, 2, 3);
@@ -59,26 +56,34 @@ TEST(IpAddress, ParsesDottedDecimal)
     }
     EXPECT_EQ(CIpAddress(std::string("1.2.3")), CIpAddress());
     CIpAddress assigned(9, 9, 9, 9);
-    assigned = std::string("bogus");
-    EXPECT_EQ(assigned, CIpAddress());
+    EXPECT_EQ(assigned = std::string("bogus"), CIpAddress());
 }
 
-TEST(IpAddress, TextIntegerAndIndex)
+TEST(IpAddress, ViewsIndexAndSteps)
 {
-    EXPECT_EQ(CIpAddress(10, 0, 0, 1).GetIp(true), "010.000.000.001");
     EXPECT_EQ(CIpAddress(1, 2, 3, 4).GetIp(true), "001.002.003.004");
     EXPECT_EQ(CIpAddress().GetIp(false), "0.0.0.0");
     EXPECT_EQ(static_cast<std::string>(CIpAddress::MaxIpAddress), "255.255.255.255");
-    EXPECT_EQ(PrintToString(CIpAddress(10, 20, 30, 40)), "10.20.30.40");
+    EXPECT_EQ(testing::PrintToString(CIpAddress(10, 20, 30, 40)), "10.20.30.40");
     EXPECT_EQ(CIpAddress(192, 168, 1, 2).GetIpInt(), 3232235778u);
-    EXPECT_EQ(static_cast<unsigned int>(CIpAddress(0, 0, 1, 0)), 256u);
     EXPECT_EQ(CIpAddress(0xFF000001u), CIpAddress(255, 0, 0, 1));
     CIpAddress address(1, 2, 3, 4);
-    const CIpAddress& fixed = address;
-    EXPECT_EQ(fixed[3], 4);
-    EXPECT_EQ(fixed[4], 0);
+    EXPECT_EQ(static_cast<const CIpAddress&>(address)[3], 4);
+    EXPECT_EQ(static_cast<const CIpAddress&>(address)[4], 0);
     address[7] = 9;
     EXPECT_EQ(address, CIpAddress(9, 2, 3, 4));
+    // Steps carry across octets and wrap around.
+    CIpAddress max = CIpAddress::MaxIpAddress;
+    EXPECT_EQ(++max, CIpAddress::MinIpAddress);
+    CIpAddress min = CIpAddress::MinIpAddress;
+    EXPECT_EQ(--min, CIpAddress::MaxIpAddress);
+    address = CIpAddress(1, 2, 3, 255);
+    EXPECT_EQ(address++, CIpAddress(1, 2, 3, 255));
+    EXPECT_EQ(address, CIpAddress(1, 2, 4, 0));
+    EXPECT_EQ(address--, CIpAddress(1, 2, 4, 0));
+    EXPECT_EQ(address, CIpAddress(1, 2, 3, 255));
+    EXPECT_EQ(&++address, &address);
+    EXPECT_EQ(&--address, &address);
 }
 
 TEST(IpAddress, RandomValuesRoundTripAndOrderNumerically)
@@ -87,8 +92,7 @@ TEST(IpAddress, RandomValuesRoundTripAndOrderNumerically)
         const unsigned int a = g_Random(), b = n % 4 == 0 ? a : g_Random();
         for (bool padded : {false, true}) {
             CIpAddress copy(1, 1, 1, 1);
-            EXPECT_TRUE(copy.SetIp(CIpAddress(a).GetIp(padded))) << CIpAddress(a).GetIp(padded);
-            EXPECT_EQ(copy.GetIpInt(), a) << CIpAddress(a).GetIp(padded);
+            EXPECT_TRUE(copy.SetIp(CIpAddress(a).GetIp(padded)) && copy.GetIpInt() == a) << CIpAddress(a).GetIp(padded);
         }
         EXPECT_EQ(Relations(CIpAddress(a), CIpAddress(b)), RelationsOf(a < b ? -1 : a > b)) << a << " " << b;
     }
@@ -100,7 +104,6 @@ TEST(IpAddress, ClassesMasksAndCidr)
     // Address, unicast, multicast, netmask, CIDR text of 192.168.1.77 with the address as mask.
     const std::tuple<CIpAddress, bool, bool, bool, const char*> cases[] = {
         {CIpAddress(0, 0, 0, 0), true, false, true, "0.0.0.0/0"},
-        {CIpAddress(127, 255, 255, 255), true, false, false, "192.168.1.77"},
         {CIpAddress(223, 255, 255, 255), true, false, false, "192.168.1.77"},
         {CIpAddress(224, 0, 0, 0), false, true, true, "192.0.0.0/3"},
         {CIpAddress(239, 255, 255, 255), false, true, false, "192.168.1.77"},
@@ -117,73 +120,40 @@ TEST(IpAddress, ClassesMasksAndCidr)
         EXPECT_EQ(address.IsNetmask(), netmask) << address;
         EXPECT_EQ(CIpAddress(192, 168, 1, 77).GetCidrNotation(address), cidr) << address;
     }
-    EXPECT_EQ(CIpAddress::MaxIpAddress.GetCidrNotation(CIpAddress()), "0.0.0.0/0");
     const CIpAddress host(192, 168, 1, 77);
     EXPECT_EQ(host.GetBroadcastAddress(CIpAddress(255, 255, 255, 0)), CIpAddress(192, 168, 1, 255));
     EXPECT_EQ(host.GetBroadcastAddress(CIpAddress(255, 0, 255, 0)), CIpAddress(192, 255, 1, 255));
 }
 
-TEST(IpAddress, StepsCarryAndWrapAround)
-{
-    CIpAddress max = CIpAddress::MaxIpAddress;
-    EXPECT_EQ(++max, CIpAddress::MinIpAddress);
-    CIpAddress min = CIpAddress::MinIpAddress;
-    EXPECT_EQ(--min, CIpAddress::MaxIpAddress);
-    CIpAddress address(1, 2, 3, 255);
-    EXPECT_EQ(address++, CIpAddress(1, 2, 3, 255));
-    EXPECT_EQ(address, CIpAddress(1, 2, 4, 0));
-    EXPECT_EQ(address--, CIpAddress(1, 2, 4, 0));
-    EXPECT_EQ(address, CIpAddress(1, 2, 3, 255));
-    EXPECT_EQ(&++address, &address);
-    EXPECT_EQ(&--address, &address);
-}
-
 // --- IPv6 ---------------------------------------------------------------
-
-// The 16 bytes in hexadecimal, for expectations written as byte strings.
-std::string Hex(const CIpV6Address& a)
-{
-    std::string out;
-    for (unsigned long i = 0; i < 16; ++i) {
-        out += KQ::Str::Format("%02x", a[i]);
-    }
-    return out;
-}
 
 TEST(IpV6Address, ParsesWhatInetPtonAcceptsWithinFortyCharacters)
 {
-    const std::string none = "00000000000000000000000000000000";
-    // Text, whether it is accepted, the bytes afterwards (::1 before).
+    // Text, whether it is accepted, the address afterwards (::1 before) in the form inet_ntop gives.
     const std::tuple<std::string, bool, std::string> cases[] = {
-        {"", true, none},
-        {"2001:db8::1", true, "20010db8000000000000000000000001"},
-        {"::ffff:192.0.2.1", true, "00000000000000000000ffffc0000201"},
-        {"FF02::1", true, "ff020000000000000000000000000001"},
-        {"2001:db8::zz", false, none},
-        {"1.2.3.4", false, none},
-        {" ::1", false, none},
-        {"0000:0000:0000:0000:0000:ffff:100.1.2.300", true, "00000000000000000000ffff6401021e"},  // cut to 40
-        {"ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255", false, none},                          // cut to 40
-        {std::string("::2\0garbage", 11), true, "00000000000000000000000000000002"},  // ends at the NUL
+        {"", true, "::"},
+        {"2001:db8::1", true, "2001:db8::1"},
+        {"::ffff:192.0.2.1", true, "::ffff:192.0.2.1"},
+        {"2001:db8::zz", false, "::"},
+        {"0000:0000:0000:0000:0000:ffff:100.1.2.300", true, "::ffff:100.1.2.30"},  // cut to 40
+        {"ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255", false, "::"},           // cut to 40
+        {std::string("::2\0garbage", 11), true, "::2"},                          // ends at the NUL
     };
-    for (const auto& [text, accepted, bytes] : cases) {
+    for (const auto& [text, accepted, expected] : cases) {
         CIpV6Address address(std::string("::1"));
         EXPECT_EQ(address.SetIp(text), accepted) << text;
-        EXPECT_EQ(Hex(address), bytes) << text;
+        EXPECT_EQ(address.GetIp(false), expected) << text;
     }
     CIpV6Address assigned(std::string("::1"));
-    assigned = std::string("bogus");
-    EXPECT_FALSE(assigned.IsValid());
+    EXPECT_FALSE((assigned = std::string("bogus")).IsValid());
     EXPECT_FALSE(CIpV6Address(std::string("2001:db8::zz")).IsValid());
 }
 
-TEST(IpV6Address, TextClassesAndIndex)
+TEST(IpV6Address, TextClassesIndexAndSlices)
 {
-    const CIpV6Address address(std::string("2001:db8::1"));
-    EXPECT_EQ(address.GetIp(true), "2001:0db8:0000:0000:0000:0000:0000:0001");
-    EXPECT_EQ(static_cast<std::string>(address), "2001:db8::1");
-    EXPECT_EQ(CIpV6Address().GetIp(true), "0000:0000:0000:0000:0000:0000:0000:0000");
-    EXPECT_EQ(PrintToString(CIpV6Address(std::string("FF02::1"))), "ff02::1");
+    EXPECT_EQ(CIpV6Address(std::string("2001:db8::1")).GetIp(true), "2001:0db8:0000:0000:0000:0000:0000:0001");
+    EXPECT_EQ(static_cast<std::string>(CIpV6Address(std::string("2001:db8::1"))), "2001:db8::1");
+    EXPECT_EQ(testing::PrintToString(CIpV6Address(std::string("FF02::1"))), "ff02::1");
     EXPECT_TRUE(CIpV6Address().IsUnicast());
     EXPECT_TRUE(CIpV6Address(std::string("ff02::1")).IsMulticast());
     EXPECT_FALSE(CIpV6Address(std::string("ff02::1")).IsUnicast());
@@ -192,6 +162,18 @@ TEST(IpV6Address, TextClassesAndIndex)
     EXPECT_EQ(static_cast<const CIpV6Address&>(indexed)[16], 0);
     indexed[99] = 0x20;
     EXPECT_EQ(indexed.GetIp(false), "2000::1");
+    // Byte slices of exactly 16 elements only.
+    unsigned char bytes[17] = {0xA0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 0xAF, 0x55};
+    CIpV6Address address;
+    EXPECT_TRUE(address.SetIp(Bytes(bytes, 16)));
+    EXPECT_EQ(address.GetIp(false), "a001:203:405:607:809:a0b:c0d:eaf");
+    EXPECT_FALSE(address.SetIp(Bytes(bytes, 15)) || address.IsValid());
+    EXPECT_FALSE(CIpV6Address(Bytes(bytes, 17)).IsValid());
+    Bytes shortSlice(bytes, 15), exact(bytes, 16);
+    EXPECT_FALSE(CIpV6Address(std::string("2001:db8::1")).FillIp(shortSlice));
+    EXPECT_EQ(bytes[0], 0xA0);
+    EXPECT_TRUE(CIpV6Address(std::string("2001:db8::1")).FillIp(exact));
+    EXPECT_EQ(std::string(bytes, bytes + 17), std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x01\x55", 17));
 }
 
 // Random bytes with many zeros, so that inet_ntop compresses runs of zero groups.
@@ -216,29 +198,13 @@ TEST(IpV6Address, RandomValuesMatchInetNtopRoundTripAndOrderLikeMemcmp)
         EXPECT_EQ(a.GetIp(false), expected);
         for (bool full : {false, true}) {
             CIpV6Address copy(std::string("::1"));
-            EXPECT_TRUE(copy.SetIp(a.GetIp(full))) << a.GetIp(full);
-            EXPECT_EQ(copy, a) << a.GetIp(full);
+            EXPECT_TRUE(copy.SetIp(a.GetIp(full)) && copy == a) << a.GetIp(full);
         }
         EXPECT_EQ(Relations(a, b), RelationsOf(memcmp(&x, &y, 16))) << a << " " << b;
     }
     const CIpV6Address high(std::string("1::")), low(std::string("0:ffff::"));
     EXPECT_EQ(Relations(high, low), RelationsOf(1));
     EXPECT_EQ(Relations(high, high), RelationsOf(0));
-}
-
-TEST(IpV6Address, SlicesOfSixteenBytesOnly)
-{
-    unsigned char bytes[17] = {0xA0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 0xAF, 0x55};
-    CIpV6Address address;
-    EXPECT_TRUE(address.SetIp(Bytes(bytes, 16)));
-    EXPECT_EQ(Hex(address), "a00102030405060708090a0b0c0d0eaf");
-    EXPECT_FALSE(CIpV6Address(address).SetIp(Bytes(bytes, 15)));
-    EXPECT_FALSE(CIpV6Address(Bytes(bytes, 17)).IsValid());
-    Bytes shortSlice(bytes, 15), exact(bytes, 16);
-    EXPECT_FALSE(CIpV6Address(std::string("2001:db8::1")).FillIp(shortSlice));
-    EXPECT_EQ(bytes[0], 0xA0);
-    EXPECT_TRUE(CIpV6Address(std::string("2001:db8::1")).FillIp(exact));
-    EXPECT_EQ(std::string(bytes, bytes + 17), std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x01\x55", 17));
 }
 
 TEST(IpV6Address, PrefixesAndCidr)
@@ -248,7 +214,6 @@ TEST(IpV6Address, PrefixesAndCidr)
     const std::tuple<int, const char*, const char*> cases[] = {
         {65, "ffff:ffff:ffff:ffff:8000::", "ffff:ffff:ffff:ffff:8000::/65"},
         {128, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/128"},
-        {7, "fe00::", "fe00::/7"},
         {0, "::", "::/0"},
         {129, "::", ""},
         {-1, "::", ""},
@@ -271,8 +236,7 @@ TEST(MacAddress, ParsesColonPaddedAndBareHex)
         {"0:1:2:3:4:5", true, "00:01:02:03:04:05"},       {"0:1a:2:b:c4:5", true, "00:1A:02:0B:C4:05"},
         {"001122334455", true, "00:11:22:33:44:55"},      {"00:11:22:33:44", false, "12:34:56:78:9A:BC"},
         {"00-11-22-33-44-55", false, "12:34:56:78:9A:BC"}, {"0g:11:22:33:44:55", true, "00:11:22:33:44:55"},
-        {"AB:CD:EF:01:23:4:", true, "AB:CD:EF:01:23:04"}, {"zzzzzzzzzzzz", true, "00:00:00:00:00:00"},
-        {"", false, "12:34:56:78:9A:BC"},                 {":", false, "12:34:56:78:9A:BC"},
+        {"AB:CD:EF:01:23:4:", true, "AB:CD:EF:01:23:04"}, {"", false, "12:34:56:78:9A:BC"},
         {"00112233445566", false, "12:34:56:78:9A:BC"},   {"a::::::::::b", false, "12:34:56:78:9A:BC"},
     };
     for (const auto& [text, accepted, result] : cases) {
@@ -282,42 +246,36 @@ TEST(MacAddress, ParsesColonPaddedAndBareHex)
     }
     EXPECT_FALSE(CMacAddress(std::string("00-11-22-33-44-55")).IsValid());
     CMacAddress mac(std::string("1:2:3:4:5:6"));
-    mac = std::string("bad");
-    EXPECT_EQ(mac.ToString(true), "01:02:03:04:05:06");
+    EXPECT_EQ((mac = std::string("bad")).ToString(true), "01:02:03:04:05:06");
 }
 
-TEST(MacAddress, TextAndIntegerViews)
+TEST(MacAddress, ViewsStepsAndRoundTrips)
 {
     const CMacAddress mac(std::string("00:1a:2b:3c:4d:5e"));
-    EXPECT_EQ(mac.ToString(false), "001A2B3C4D5E");
     EXPECT_EQ(CMacAddress(std::string("aa:bb:cc:dd:ee:ff")).ToString(false), "AABBCCDDEEFF");
-    EXPECT_EQ(static_cast<std::string>(mac), "00:1A:2B:3C:4D:5E");
-    EXPECT_EQ(PrintToString(CMacAddress(0x001122334455UL)), "00:11:22:33:44:55");
+    EXPECT_EQ(testing::PrintToString(CMacAddress(0x001122334455UL)), "00:11:22:33:44:55");
     EXPECT_EQ(CMacAddress(0xABCD001122334455UL), CMacAddress(0x001122334455UL));
-    EXPECT_EQ(static_cast<unsigned long>(mac), 0x001A2B3C4D5EUL);
+    EXPECT_EQ(mac.ToUInt64(), 0x001A2B3C4D5EUL);
     EXPECT_EQ(mac[5], 0x5E);
-    for (int n = 0; n < 20000 && !HasFailure(); ++n) {
-        const unsigned long value = (static_cast<unsigned long>(g_Random()) << 32 | g_Random()) & 0xFFFFFFFFFFFFUL;
-        CMacAddress copy;
-        copy.FromUInt64(CMacAddress(value).ToUInt64());
-        EXPECT_EQ(copy.ToUInt64(), value);
-        EXPECT_TRUE(copy.Set(CMacAddress(value).ToString(n % 2 == 0)));
-        EXPECT_EQ(copy.ToUInt64(), value);
-    }
-}
-
-TEST(MacAddress, StepsWrapModulo48Bits)
-{
+    // Steps wrap modulo 2^48.
     CMacAddress max(std::string("FF:FF:FF:FF:FF:FF"));
     EXPECT_FALSE((++max).IsValid());
     CMacAddress one(std::string("00:00:00:00:00:01"));
     EXPECT_FALSE((--one).IsValid());
     EXPECT_EQ((--one).ToString(true), "FF:FF:FF:FF:FF:FF");
-    CMacAddress mac(std::string("00:00:00:00:00:FF"));
-    EXPECT_EQ(mac++.ToString(true), "00:00:00:00:00:FF");
-    EXPECT_EQ(mac.ToString(true), "00:00:00:00:01:00");
-    EXPECT_EQ(mac--.ToString(true), "00:00:00:00:01:00");
-    EXPECT_EQ(&++mac, &mac);
+    CMacAddress step(std::string("00:00:00:00:00:FF"));
+    EXPECT_EQ(step++.ToString(true), "00:00:00:00:00:FF");
+    EXPECT_EQ(step.ToString(true), "00:00:00:00:01:00");
+    EXPECT_EQ(step--.ToString(true), "00:00:00:00:01:00");
+    EXPECT_EQ(&++step, &step);
+    EXPECT_EQ(step.ToString(true), "00:00:00:00:01:00");
+    for (int n = 0; n < 20000 && !HasFailure(); ++n) {
+        const unsigned long value = (static_cast<unsigned long>(g_Random()) << 32 | g_Random()) & 0xFFFFFFFFFFFFUL;
+        CMacAddress copy;
+        copy.FromUInt64(CMacAddress(value).ToUInt64());
+        EXPECT_EQ(copy.ToUInt64(), value);
+        EXPECT_TRUE(copy.Set(copy.ToString(n % 2 == 0)) && copy.ToUInt64() == value) << copy;
+    }
 }
 
 TEST(MacAddressDeathTest, IndexAtOrBeyondCountAsserts)
