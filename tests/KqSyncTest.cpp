@@ -118,7 +118,7 @@ TEST(Timeout, WaitsLastTheFullTimeUnlessSignalledFromAnotherThreadOrInterrupted)
     action.sa_handler = [](int) {};  // no SA_RESTART
     sigaction(SIGUSR2, &action, nullptr);
     // 0 stands for Wait(); the larger time-outs must not wrap into the past.
-    for (unsigned long ms : {0ul, 10000ul, 0xFFFFFFFFul, ULONG_MAX}) {
+    for (unsigned long ms : {0ul, 10000ul, 0xFFFFFFFFul, ULONG_MAX / 1000000ul + 1, ULONG_MAX}) {
         for (bool interrupt : {false, true}) {
             CSemaphore sem(0);
             const auto wait = [&] { EXPECT_EQ(ms == 0 ? sem.Wait() : sem.Wait(ms), !interrupt) << ms; };
