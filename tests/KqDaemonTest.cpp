@@ -7,9 +7,12 @@
 
 #include <atomic>
 #include <fcntl.h>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <signal.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -34,28 +37,31 @@ bool WaitForFile(const std::string& path, bool exists = true)
     return (access(path.c_str(), F_OK) == 0) == exists;
 }
 
-TEST(DaemonQuit, RequestsFromQuitAndFromSignalsAddUp)
+// Runs body in a forked child (standard output sent to out) that ends with
+// _exit(body()) and never returns into the test runner; gives the exit status
+// as waitpid reports it.
+int RunInChild(const std::string& out, const std::function<int()>& body)
 {
-    {
-        CDaemon daemon;  // the handlers it installs stay after it
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+        _exit(body());
     }
-    while (CDaemon::CheckQuit()) {
-    }
-    CDaemon::Quit();
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+TEST(DaemonQuit, RequestsAddUpAndBlockIsWokenByARealSigterm)
+{
+    CDaemon daemon;
     CDaemon::Quit();
     raise(SIGINT);
     raise(SIGTERM);
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_TRUE(CDaemon::CheckQuit()) << i;
-    }
+    EXPECT_TRUE(CDaemon::CheckQuit() && CDaemon::CheckQuit() && CDaemon::CheckQuit());
     EXPECT_FALSE(CDaemon::CheckQuit());
-}
-
-TEST(DaemonQuit, BlockIsWokenByARealSigterm)
-{
-    CDaemon daemon;
-    while (CDaemon::CheckQuit()) {
-    }
     std::atomic<bool> done(false);
     std::thread sender([&] {
         usleep(100000);
@@ -80,22 +86,13 @@ TEST(DaemonDetach, PidFileStderrFileAndRemoval)
     KqTest::TempDir dir;
     const std::string pid = dir / "svc.pid", err = dir / "svc.stderr", out = dir / "out.txt";
     std::ofstream(err) << "earlier\n";
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {  // never returns into the test runner
-        alarm(30);
-        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-        {
-            CDaemon daemon(false, pid);
-            std::fputs("later\n", stderr);
-            std::fflush(stderr);
-            std::ofstream(dir / "ready").flush();
-            CDaemon::Block();  // until the test sends SIGTERM
-        }
-        _exit(0);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    const int status = RunInChild(out, [&] {
+        CDaemon daemon(false, pid);
+        std::fputs("later\n", stderr);  // unbuffered
+        std::ofstream(dir / "ready").flush();
+        CDaemon::Block();  // until the test sends SIGTERM; then the destructor runs
+        return 0;
+    });
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the detaching parent exits with 0";
     ASSERT_TRUE(WaitForFile(dir / "ready"));
     const pid_t daemonPid = std::stoi(ReadFile(pid));
@@ -106,6 +103,21 @@ TEST(DaemonDetach, PidFileStderrFileAndRemoval)
     EXPECT_EQ(ReadFile(err), "earlier\nlater\n");
     ASSERT_EQ(kill(daemonPid, SIGTERM), 0);  // ends the Block() of the process the file names
     EXPECT_TRUE(WaitForFile(pid, false)) << "the PID file is removed";
+}
+
+TEST(DaemonDetach, FailedDetachIsReportedOnStderr)
+{
+    KqTest::TempDir dir;
+    const int status = RunInChild(dir / "out.txt", [&] {
+        dup2(open((dir / "err.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+        const rlimit none = {0, 0};  // an unprivileged user with no process left cannot fork
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || setuid(65534) != 0) {
+            return 3;
+        }
+        return CDaemon().Daemonize(false, "") ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0) << "exit 3: could not drop privileges; exit 1: Daemonize() gave true";
+    EXPECT_EQ(ReadFile(dir / "err.txt"), std::string("Failed to daemonize: ") + std::strerror(EAGAIN));
 }
 
 }  // namespace

@@ -16,10 +16,7 @@ namespace {
 using KQ::CEvent;
 using KQ::CSemaphore;
 
-const unsigned long SIGNALLED = 0;
-const unsigned long TIMED_OUT = 258;
-
-uint64_t NowMs() { return KQ::Time::GetTicks1K(); }
+const unsigned long SIGNALLED = 0, TIMED_OUT = 258;
 
 // Runs body on its own thread and, once it has blocked for 150 ms, calls
 // wake every 20 ms until body returns. Gives the microseconds from the first
@@ -76,7 +73,7 @@ int Released(CEvent& event, int waiters, int signals)
     usleep(100000);
     for (int i = 1; i <= signals; ++i) {
         event.Signal();
-        for (const uint64_t start = NowMs(); released.load() < i && NowMs() - start < 5000;) {
+        for (int ms = 0; ms < 5000 && released.load() < i; ++ms) {
             usleep(1000);
         }
     }
@@ -104,14 +101,13 @@ TEST(Event, ManualResetReleasesEveryWaiterAutoResetOnePerSignal)
 TEST(Timeout, WaitsLastTheFullTimeUnlessSignalledFromAnotherThreadOrInterrupted)
 {
     CEvent event(false, false);
-    uint64_t start = NowMs();
+    uint64_t start = KQ::Time::GetTicks1K();
     EXPECT_EQ(event.Wait(300), TIMED_OUT);
-    EXPECT_GE(NowMs() - start, 299u);
-    CSemaphore unsignalled(0);
-    start = NowMs();
-    EXPECT_FALSE(unsignalled.Wait(50));
-    EXPECT_GE(NowMs() - start, 49u);
-    EXPECT_LT(NowMs() - start, 50u + 1000u);
+    EXPECT_GE(KQ::Time::GetTicks1K() - start, 299u);
+    start = KQ::Time::GetTicks1K();
+    EXPECT_FALSE(CSemaphore(0).Wait(50));
+    EXPECT_GE(KQ::Time::GetTicks1K() - start, 49u);
+    EXPECT_LT(KQ::Time::GetTicks1K() - start, 50u + 1000u);
     EXPECT_LT(WakeLatencyUs([&] { EXPECT_EQ(event.Wait(ULONG_MAX), SIGNALLED); }, [&](pthread_t) { event.Signal(); }),
         100000u);
     struct sigaction action = {};

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <functional>
 #include <pthread.h>
-#include <sched.h>
 #include <thread>
 
 namespace {
@@ -43,10 +42,9 @@ TEST(ThreadGate, FunctorWaitsForRunAndFalseParksUntilTheNextRun)
         EXPECT_TRUE(probe.m_Called.Wait(5000)) << round;
         EXPECT_FALSE(probe.m_Called.Wait(50)) << round;
     }
-    EXPECT_TRUE(probe.m_Thread.Cancel());
-    EXPECT_FALSE(probe.m_Thread.Cancel()) << "nothing left to cancel";
     Probe parked;
     EXPECT_TRUE(parked.m_Thread.Cancel());
+    EXPECT_FALSE(parked.m_Thread.Cancel()) << "nothing left to cancel";
     EXPECT_FALSE(parked.m_Called.TryWait()) << "a thread cancelled at the gate makes no call";
 }
 
@@ -108,11 +106,9 @@ TEST(ThreadPriority, OrdinaryPolicyClampsToTheNiceScale)
 
 TEST(ThreadPriority, FifoThreadRunsAtItsStaticPriority)
 {
+    const sched_param param = {1};
     int error = 0;
-    std::thread([&] {
-        const sched_param param = {1};
-        error = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
-    }).join();
+    std::thread([&] { error = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param); }).join();
     if (error == EPERM) {
         GTEST_SKIP() << "SCHED_FIFO refused with EPERM (no CAP_SYS_NICE)";
     }
@@ -134,7 +130,6 @@ TEST(ThreadAffinity, SetsAreAppliedAndOutOfRangeCpusIgnored)
     std::set<unsigned int> pinned, moved;
     Probe probe([&] {
         pinned = CThread::GetAffinity();
-        EXPECT_FALSE(CThread::SetAffinity(std::set<unsigned int>())) << "empty set";
         EXPECT_FALSE(CThread::SetAffinity(std::set<unsigned int>{1024u, 4096u})) << "only ignored CPUs";
         EXPECT_TRUE(CThread::SetAffinity(std::set<unsigned int>{last, 5000u}));
         moved = CThread::GetAffinity();
