@@ -1,7 +1,7 @@
 // Tests of the wake-up timer: ids, ordering, periods, the results of the
-// event operations, callbacks acting on the timer, failures and teardown.
+// event operations, callbacks acting on the timer, failures, teardown, and a
+// stress test of concurrent changes while callbacks run.
 #include "KqTestSupport.h"
-#include "KqThread.h"
 #include "KqTime.h"
 #include "KqWakeUpTimer.h"
 
@@ -9,239 +9,174 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
+#include <random>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
-
-#include <sys/prctl.h>
 
 namespace {
 
 using KQ::CWakeUpTimer;
+using namespace std::chrono_literals;
 
 const unsigned int NONE = CWakeUpTimer::INVALID_ID;
 
-// Reaches the timer's protected state. Only its static helpers are used, on
-// plain CWakeUpTimer objects, so no derived constructor ever races the timer
-// thread's first virtual call.
+// Reaches the timer's protected state through static helpers used on plain
+// CWakeUpTimer objects, so no derived constructor races the timer thread.
 struct TimerAccess : CWakeUpTimer {
-    static void SetLastEventId(CWakeUpTimer& timer, unsigned int id)
-    {
-        WithLock(timer, [&] { timer.*(&TimerAccess::m_LastEventId) = id; });
-    }
-    static uint64_t DueTime(CWakeUpTimer& timer, unsigned int id)
-    {
-        uint64_t due = 0;
-        WithLock(timer, [&] {
-            const EventData_t* record = (timer.*(&TimerAccess::FindEvent))(id);
-            due = record != nullptr ? record->dueTime : 0;
-        });
-        return due;
-    }
-    static void WithLock(CWakeUpTimer& timer, const std::function<void()>& work)
-    {
-        KQ::CMutex& lock = timer.*(&TimerAccess::m_Lock);
-        lock.Lock();
-        work();
-        lock.Unlock();
-    }
+    static KQ::CMutex& Lock(CWakeUpTimer& timer) { return timer.*(&TimerAccess::m_Lock); }
+    static unsigned int& LastId(CWakeUpTimer& timer) { return timer.*(&TimerAccess::m_LastEventId); }
+    static uint64_t DueMs(CWakeUpTimer& timer, unsigned int id) { return (timer.*(&TimerAccess::FindEvent))(id)->dueTime; }
 };
 
-// An owner that records each callback (id and raw-clock nanoseconds at its
-// start) and then runs an optional action.
-class Recorder : public KQ::IProcessRequests {
-public:
-    struct Call {
-        unsigned int id;
-        uint64_t startNs;
-    };
-    std::function<void(unsigned int)> action;
+// Records each callback as (id, raw-clock ns at its start), then runs action.
+struct Recorder : KQ::IProcessRequests {
+    std::function<void(unsigned int)> action = [](unsigned int) {};
+    std::pair<unsigned int, uint64_t> calls[64] = {};
+    std::atomic<size_t> count{0};
 
     bool ProcessRequest(unsigned int eventId) override
     {
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            m_Calls.push_back({eventId, KQ::Time::GetTicks1G()});
-            m_Changed.notify_all();
-        }
-        if (action) {
-            action(eventId);
-        }
+        calls[count % 64] = {eventId, KQ::Time::GetTicks1G()};
+        ++count;
+        action(eventId);
         return true;
     }
-    // True once at least count callbacks have started (waits up to 10 s).
-    bool WaitForCalls(size_t count)
+    // The number of callbacks started, after waiting up to 10 s for atLeast.
+    size_t Count(size_t atLeast = 0) const
     {
-        std::unique_lock<std::mutex> lock(m_Mutex);
-        return m_Changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_Calls.size() >= count; });
+        for (int i = 0; i < 1000 && count < atLeast; ++i) {
+            std::this_thread::sleep_for(10ms);
+        }
+        return count;
     }
-    std::vector<Call> Calls() const
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Calls;
-    }
-    size_t Count() const { return Calls().size(); }
-
-private:
-    mutable std::mutex m_Mutex;
-    std::condition_variable m_Changed;
-    std::vector<Call> m_Calls;
 };
 
-void SleepMs(unsigned int ms)
+// Random operations; the periodic events kept in the list only ever go away
+// through this worker, so every operation on them must succeed.
+unsigned int RunWorker(CWakeUpTimer& timer, Recorder& owner, unsigned int seed)
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
-
-std::unique_ptr<CWakeUpTimer> MakeTimer()
-{
-    auto timer = std::make_unique<CWakeUpTimer>(KQ::CThread::GetPriority());
-    EXPECT_TRUE(timer->IsValid());
-    return timer;
+    std::mt19937 random(seed);
+    std::vector<unsigned int> periodic;
+    unsigned int failures = 0;
+    for (int i = 0; i < 2500; ++i) {
+        unsigned int id = NONE;
+        const unsigned int interval = random() % 20;
+        const size_t index = periodic.empty() ? 0 : random() % periodic.size();
+        const unsigned int operation = periodic.empty() ? random() % 2 : random() % 4;
+        if (operation < 2) {
+            failures += timer.AddEvent(&owner, interval, id, operation == 1) ? 0 : 1;
+            if (operation == 1 && id % 7 != 0) {  // callbacks turn some of those into one-shots
+                periodic.push_back(id);
+            }
+        } else if (operation == 2) {
+            failures += timer.UpdateEvent(periodic[index], interval, true) ? 0 : 1;
+        } else {
+            id = periodic[index];
+            failures += timer.AddOrUpdateEvent(&owner, interval, periodic[index], true) ? 0 : 1;
+            failures += timer.RemoveEvent(id) ? 1 : 0;  // the replaced event is gone
+            if (periodic[index] % 7 != 0 && random() % 2 == 0) {
+                failures += timer.RemoveEvent(periodic[index]) ? 0 : 1;
+            }
+            if (periodic[index] % 7 == 0) {  // removed (INVALID_ID is 0) or not surely periodic
+                periodic.erase(periodic.begin() + static_cast<long>(index));
+            }
+        }
+    }
+    return failures;
 }
 
 }  // namespace
 
-TEST(WakeUpTimerIds, StartAtOneAndNeverReuseAFreedId)
+TEST(WakeUpTimerIds, StartAtOneAndWrapAroundSkippingZeroAndIdsInUse)
 {
-    Recorder owner;
-    auto timer = MakeTimer();
-    unsigned int a = NONE, b = NONE, c = NONE;
-    ASSERT_TRUE(timer->AddEvent(&owner, 60000, a, false));
-    ASSERT_TRUE(timer->AddEvent(&owner, 60000, b, false));
-    EXPECT_EQ(a, 1u);
-    EXPECT_EQ(b, 2u);
-    ASSERT_TRUE(timer->RemoveEvent(a));
-    ASSERT_TRUE(timer->AddEvent(&owner, 60000, c, false));
-    EXPECT_EQ(c, 3u);
-}
-
-TEST(WakeUpTimerIds, WrapAroundSkipsZeroAndIdsInUse)
-{
-    struct Case {
-        unsigned int last;
-        unsigned int live;  // events to create first (ids 1..live)
-        unsigned int expected;
-    };
-    const Case cases[] = {
-        {0xFFFFFFFFu, 0, 1},
-        {0xFFFFFFFFu, 2, 3},
-        {0xFFFFFFFEu, 0, 0xFFFFFFFFu},
-        {0xFFFFFFFEu, 1, 0xFFFFFFFFu},
-    };
-    for (const Case& c : cases) {
+    // last: m_LastEventId set after live events got ids 1..live.
+    const struct {
+        unsigned int last, live, expected;
+    } cases[] = {{1, 2, 3}, {0xFFFFFFFFu, 0, 1}, {0xFFFFFFFFu, 2, 3}, {0xFFFFFFFEu, 1, 0xFFFFFFFFu}};
+    for (const auto& c : cases) {
         Recorder owner;
-        auto timer = MakeTimer();
-        for (unsigned int i = 0; i < c.live; ++i) {
-            unsigned int id = NONE;
+        auto timer = std::make_unique<CWakeUpTimer>(KQ::CThread::GetPriority());
+        unsigned int id = NONE;
+        for (unsigned int i = 1; i <= c.live; ++i) {
             ASSERT_TRUE(timer->AddEvent(&owner, 60000, id, false));
         }
-        TimerAccess::SetLastEventId(*timer, c.last);
-        unsigned int id = NONE;
+        TimerAccess::LastId(*timer) = c.last;  // only AddEvent on this thread uses it
         ASSERT_TRUE(timer->AddEvent(&owner, 60000, id, false));
         EXPECT_EQ(id, c.expected) << "last " << c.last << " with " << c.live << " live";
     }
 }
 
-TEST(WakeUpTimerOrder, EqualDueTimesRunInAscendingIdOrder)
+TEST(WakeUpTimerOrder, EarliestFirstEqualDueTimesInIdOrderNeverEarly)
 {
     Recorder owner;
-    auto timer = MakeTimer();
-    unsigned int ids[4];
+    auto timer = std::make_unique<CWakeUpTimer>(KQ::CThread::GetPriority());
+    unsigned int ids[7];
     for (unsigned int& id : ids) {
         ASSERT_TRUE(timer->AddEvent(&owner, 60000, id, false));
     }
-    // Reschedule in a scrambled order within one millisecond (retried if the
-    // clock ticks over meanwhile), so the time set cannot lean on insertion order.
-    const int order[] = {3, 0, 2, 1};
-    bool same = false;
-    for (int attempt = 0; attempt < 50 && !same; ++attempt) {
-        TimerAccess::WithLock(*timer, [&] {
-            for (int i : order) {
-                ASSERT_TRUE(timer->UpdateEvent(ids[i], 200, false));
-            }
-            same = true;
-            for (unsigned int id : ids) {
-                same = same && TimerAccess::DueTime(*timer, id) == TimerAccess::DueTime(*timer, ids[0]);
-            }
-        });
-    }
-    ASSERT_TRUE(same);
-    ASSERT_TRUE(owner.WaitForCalls(4));
-    const auto calls = owner.Calls();
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(calls[i].id, ids[i]);
-    }
-}
-
-TEST(WakeUpTimerOrder, EarliestFirstAndNeverBeforeTheDueTime)
-{
-    Recorder owner;
-    auto timer = MakeTimer();
-    const unsigned int intervals[] = {40, 5, 25, 0};
-    std::vector<uint64_t> dueNs;
-    TimerAccess::WithLock(*timer, [&] {
-        for (unsigned int interval : intervals) {
-            unsigned int id = NONE;
-            ASSERT_TRUE(timer->AddEvent(&owner, interval, id, false));
-            dueNs.push_back(TimerAccess::DueTime(*timer, id) * 1000000u);
+    // Rescheduled in a scrambled order within one millisecond (retried if the
+    // clock ticks meanwhile); ids 4 and 2 are the first and last of the 200 ms group.
+    const unsigned int intervals[] = {200, 200, 200, 200, 40, 5, 0};
+    std::vector<uint64_t> dueMs(8);
+    for (int attempt = 0; attempt < 50 && (dueMs[4] != dueMs[2] || dueMs[4] == 0); ++attempt) {
+        TimerAccess::Lock(*timer).Lock();
+        for (int i : {3, 0, 6, 2, 5, 1, 4}) {
+            EXPECT_TRUE(timer->UpdateEvent(ids[i], intervals[i], false));
         }
-    });
-    ASSERT_TRUE(owner.WaitForCalls(4));
-    const auto calls = owner.Calls();
-    const unsigned int expectedIds[] = {4, 2, 3, 1};
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(calls[i].id, expectedIds[i]);
-        EXPECT_GE(calls[i].startNs, dueNs[calls[i].id - 1]) << "event " << calls[i].id << " came early";
+        for (unsigned int id : ids) {
+            dueMs[id] = TimerAccess::DueMs(*timer, id);
+        }
+        TimerAccess::Lock(*timer).Unlock();
+    }
+    ASSERT_EQ(dueMs[4], dueMs[2]);
+    ASSERT_EQ(owner.Count(7), 7u);
+    const unsigned int expected[] = {7, 6, 5, 1, 2, 3, 4};
+    for (size_t i = 0; i < 7; ++i) {
+        EXPECT_EQ(owner.calls[i].first, expected[i]);
+        EXPECT_GE(owner.calls[i].second, dueMs[expected[i]] * 1000000u) << "event " << expected[i] << " came early";
     }
 }
 
-TEST(WakeUpTimerPeriods, IntervalZero)
-{
-    Recorder once, repeated;
-    auto timer = MakeTimer();
-    unsigned int oneShot = NONE, periodic = NONE;
-    ASSERT_TRUE(timer->AddEvent(&once, 0, oneShot, false));
-    ASSERT_TRUE(timer->AddEvent(&repeated, 0, periodic, true));
-    ASSERT_TRUE(repeated.WaitForCalls(50));
-    ASSERT_TRUE(once.WaitForCalls(1));
-    EXPECT_TRUE(timer->RemoveEvent(periodic));
-    const size_t afterRemove = repeated.Count();
-    SleepMs(50);
-    EXPECT_LE(repeated.Count(), afterRemove + 1);  // one call may have been under way
-    EXPECT_EQ(once.Count(), 1u);
-}
-
-TEST(WakeUpTimerPeriods, PeriodRunsFromTheEndOfTheCallback)
+TEST(WakeUpTimerPeriods, PeriodFromCallbackEndAndDestructionWaitsForIt)
 {
     Recorder owner;
-    auto timer = MakeTimer();
-    owner.action = [](unsigned int) { SleepMs(40); };
+    std::string name;
+    std::atomic<bool> inCallback(false);
+    int runs = 0;
+    auto timer = std::make_unique<CWakeUpTimer>(KQ::CThread::GetPriority());
+    owner.action = [&](unsigned int) {
+        inCallback = true;
+        name = KQ::CThread::GetName();
+        std::this_thread::sleep_for(++runs == 4 ? 300ms : 40ms);  // the destruction comes during the 4th
+        inCallback = false;
+    };
     unsigned int id = NONE;
     ASSERT_TRUE(timer->AddEvent(&owner, 30, id, true));
-    ASSERT_TRUE(owner.WaitForCalls(4));
-    timer.reset();
-    const auto calls = owner.Calls();
-    for (size_t i = 1; i < calls.size(); ++i) {
-        // 40 ms of callback plus 30 ms of period, less the rounding of the
-        // uptime to whole milliseconds.
-        EXPECT_GE(calls[i].startNs - calls[i - 1].startNs, 69000000u) << "gap " << i;
+    ASSERT_GE(owner.Count(4), 4u);
+    timer.reset();  // with a callback under way and its event pending
+    EXPECT_FALSE(inCallback.load());
+    const size_t calls = owner.Count();
+    for (size_t i = 1; i < calls; ++i) {
+        // 40 ms callback + 30 ms period, less the rounding to whole ms.
+        EXPECT_GE(owner.calls[i].second - owner.calls[i - 1].second, 69000000u) << "gap " << i;
     }
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(owner.Count(), calls) << "no callback after destruction";
+    EXPECT_EQ(name, "KQ-CWakeUpTimer");
 }
 
 TEST(WakeUpTimerOperations, ResultsAndIdSideEffects)
 {
     Recorder owner;
-    auto timer = MakeTimer();
-
+    auto timer = std::make_unique<CWakeUpTimer>(KQ::CThread::GetPriority());
     unsigned int id = 1234;
     EXPECT_FALSE(timer->AddEvent(nullptr, 10, id, false));
-    EXPECT_EQ(id, 1234u) << "a refused add leaves the id alone";
-
+    EXPECT_EQ(id, 1234u);
     for (unsigned int unknown : {NONE, 77u}) {
         id = unknown;
         EXPECT_FALSE(timer->RemoveEvent(id));
@@ -250,157 +185,93 @@ TEST(WakeUpTimerOperations, ResultsAndIdSideEffects)
         EXPECT_FALSE(timer->UpdateEvent(id, 10, false));
         EXPECT_EQ(id, NONE);
         id = unknown;
-        EXPECT_TRUE(timer->AddOrUpdateEvent(&owner, 60000, id, false)) << "behaves as AddEvent";
+        EXPECT_TRUE(timer->AddOrUpdateEvent(&owner, 60000, id, false));
         EXPECT_NE(id, NONE);
     }
-
-    unsigned int live = NONE;
-    ASSERT_TRUE(timer->AddEvent(&owner, 60000, live, false));
-    unsigned int replaced = live;
+    // Replacing gives a fresh id (a freed id is not reused) and deletes the old event.
+    unsigned int replaced = id, old = id;
     ASSERT_TRUE(timer->AddOrUpdateEvent(&owner, 60000, replaced, true));
-    EXPECT_NE(replaced, live);
-    EXPECT_GT(replaced, live);
-    unsigned int old = live;
-    EXPECT_FALSE(timer->RemoveEvent(old)) << "the replaced event is gone";
-
-    unsigned int nulled = replaced;
-    EXPECT_FALSE(timer->AddOrUpdateEvent(nullptr, 10, nulled, false));
-    EXPECT_EQ(nulled, NONE);
-    EXPECT_FALSE(timer->RemoveEvent(replaced)) << "a null owner still deletes the old event";
-}
-
-TEST(WakeUpTimerOperations, ReplacingWithANullOwnerStopsAWaitingPass)
-{
-    // The timer thread waits for this event's due time; the failed
-    // replacement still deletes it, and the waiting pass must not call it.
-    Recorder owner;
-    auto timer = MakeTimer();
-    unsigned int id = NONE;
-    ASSERT_TRUE(timer->AddEvent(&owner, 100, id, false));
-    SleepMs(20);
+    EXPECT_GT(replaced, old);
+    EXPECT_FALSE(timer->RemoveEvent(old));
+    // Update keeps the id; a null owner still deletes the event, also while the thread waits for it.
+    ASSERT_TRUE(timer->UpdateEvent(id = replaced, 100, false));
+    EXPECT_EQ(id, replaced);
+    std::this_thread::sleep_for(20ms);
     EXPECT_FALSE(timer->AddOrUpdateEvent(nullptr, 10, id, false));
     EXPECT_EQ(id, NONE);
-    SleepMs(200);
+    EXPECT_FALSE(timer->RemoveEvent(replaced));
+    std::this_thread::sleep_for(150ms);
     EXPECT_EQ(owner.Count(), 0u);
 }
 
-TEST(WakeUpTimerOperations, OneShotIsGoneAfterItsCallback)
+TEST(WakeUpTimerCallbacks, ActOnTheirOwnEventOrThrow)
 {
-    Recorder owner;
-    auto timer = MakeTimer();
-    unsigned int id = NONE;
-    ASSERT_TRUE(timer->AddEvent(&owner, 1, id, false));
-    ASSERT_TRUE(owner.WaitForCalls(1));
-    SleepMs(20);
-    unsigned int copy = id;
-    EXPECT_FALSE(timer->RemoveEvent(copy));
-    EXPECT_EQ(copy, NONE);
-    EXPECT_FALSE(timer->UpdateEvent(id, 10, false));
-    EXPECT_EQ(id, NONE);
-    EXPECT_EQ(owner.Count(), 1u);
-}
-
-TEST(WakeUpTimerOperations, UpdateKeepsIdAndOwnerAndRestartsTheInterval)
-{
-    Recorder owner;
-    auto timer = MakeTimer();
-    unsigned int id = NONE;
-    ASSERT_TRUE(timer->AddEvent(&owner, 150, id, false));
-    const unsigned int original = id;
-    SleepMs(100);
-    const uint64_t updatedAt = KQ::Time::GetTicks1G();
-    ASSERT_TRUE(timer->UpdateEvent(id, 150, false));
-    EXPECT_EQ(id, original);
-    ASSERT_TRUE(owner.WaitForCalls(1));
-    const auto calls = owner.Calls();
-    EXPECT_EQ(calls[0].id, original);
-    EXPECT_GE(calls[0].startNs - updatedAt, 149000000u);
-}
-
-TEST(WakeUpTimerCallbacks, ActOnTheirOwnEvent)
-{
-    Recorder removing, shortening, replacing;
-    unsigned int removingId = NONE, shorteningId = NONE, replacingId = NONE, replacement = NONE;
-    auto timer = MakeTimer();
+    KqTest::HookCapture capture;
+    Recorder removing, zeroPeriodic, zeroOnce, shortening, replacing, thrower;
+    unsigned int ids[6], replacement = NONE;
+    auto timer = std::make_unique<CWakeUpTimer>(KQ::CThread::GetPriority());
     removing.action = [&](unsigned int id) { EXPECT_TRUE(timer->RemoveEvent(id)); };
+    zeroPeriodic.action = [&](unsigned int id) {
+        if (zeroPeriodic.count == 50) {
+            EXPECT_TRUE(timer->RemoveEvent(id));
+        }
+    };
     // Turns its periodic event into a one-shot: deleted after this callback.
     shortening.action = [&](unsigned int id) { EXPECT_TRUE(timer->UpdateEvent(id, 5, false)); };
     replacing.action = [&](unsigned int id) {
         if (replacement == NONE) {
-            replacement = id;
-            EXPECT_TRUE(timer->AddOrUpdateEvent(&replacing, 5, replacement, false));
-            EXPECT_NE(replacement, id);
+            EXPECT_TRUE(timer->AddOrUpdateEvent(&replacing, 5, replacement = id, false));
         }
     };
-    ASSERT_TRUE(timer->AddEvent(&removing, 1, removingId, true));
-    ASSERT_TRUE(timer->AddEvent(&shortening, 1, shorteningId, true));
-    ASSERT_TRUE(timer->AddEvent(&replacing, 1, replacingId, true));
-    ASSERT_TRUE(replacing.WaitForCalls(2));
-    SleepMs(50);
-    EXPECT_EQ(removing.Count(), 1u);
-    EXPECT_EQ(shortening.Count(), 1u);
-    const auto calls = replacing.Calls();
-    ASSERT_EQ(calls.size(), 2u) << "the replacement is a one-shot that runs once";
-    EXPECT_EQ(calls[1].id, replacement);
-    EXPECT_FALSE(timer->RemoveEvent(replacingId)) << "the replaced periodic event is gone";
-}
-
-TEST(WakeUpTimerFailures, ThrowingCallbackIsReportedAndRemoved)
-{
-    KqTest::HookCapture capture;
-    Recorder thrower, steady;
-    auto timer = MakeTimer();
     thrower.action = [](unsigned int) { throw std::runtime_error("callback failed"); };
-    unsigned int bad = NONE, good = NONE;
-    ASSERT_TRUE(timer->AddEvent(&thrower, 1, bad, true));
-    ASSERT_TRUE(timer->AddEvent(&steady, 5, good, true));
-    ASSERT_TRUE(steady.WaitForCalls(5));
-    EXPECT_EQ(thrower.Count(), 1u);
-    const std::string expected = "KQ::CWakeUpTimer Event #" + std::to_string(bad) + " removed due to unhandled exception!";
-    const auto lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], expected);
-    EXPECT_FALSE(timer->RemoveEvent(bad));
-    timer.reset();
-}
-
-TEST(WakeUpTimerLifetime, ThreadIsNamedAndDestructionStopsCallbacks)
-{
-    Recorder owner;
-    std::string name;
-    int slack = 0;
-    auto timer = MakeTimer();
-    owner.action = [&](unsigned int) {
-        if (name.empty()) {
-            name = KQ::CThread::GetName();
-            slack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
-        }
-    };
-    for (int i = 0; i < 20; ++i) {
-        unsigned int id = NONE;
-        ASSERT_TRUE(timer->AddEvent(&owner, i == 0 ? 0 : 30 + i, id, i % 2 == 0));
+    const std::tuple<Recorder*, unsigned int, bool, size_t> cases[] = {
+        {&removing, 1, true, 1},   {&zeroPeriodic, 0, true, 50}, {&zeroOnce, 0, false, 1},
+        {&shortening, 1, true, 1}, {&replacing, 1, true, 2},     {&thrower, 1, true, 1}};
+    unsigned int* id = ids;
+    for (const auto& [owner, interval, periodic, calls] : cases) {
+        ASSERT_TRUE(timer->AddEvent(owner, interval, *id++, periodic));
     }
-    ASSERT_TRUE(owner.WaitForCalls(1));
-    timer.reset();
-    const size_t atDestruction = owner.Count();
-    SleepMs(100);
-    EXPECT_EQ(owner.Count(), atDestruction);
-    EXPECT_EQ(name, "KQ-CWakeUpTimer");
-    EXPECT_EQ(slack, 1) << "the timer thread wakes without timer slack";
+    ASSERT_GE(replacing.Count(2) + zeroPeriodic.Count(50), 52u);
+    std::this_thread::sleep_for(50ms);
+    for (const auto& [owner, interval, periodic, calls] : cases) {
+        EXPECT_EQ(owner->Count(), calls) << "interval " << interval << (periodic ? ", periodic" : "");
+    }
+    EXPECT_EQ(replacing.calls[1].first, replacement);
+    EXPECT_FALSE(timer->RemoveEvent(ids[4])) << "the replaced periodic event is gone";
+    for (unsigned int gone : {ids[0], ids[2], ids[3], ids[5]}) {
+        EXPECT_FALSE(timer->RemoveEvent(gone)) << "removed, one-shot or throwing";
+    }
+    const std::vector<std::string> expected{"KQ::CWakeUpTimer Event #6 removed due to unhandled exception!"};
+    EXPECT_EQ(capture.Lines(), expected);
 }
 
-TEST(WakeUpTimerLifetime, DestructionWaitsForARunningCallback)
+TEST(WakeUpTimerStress, ConcurrentChangesWhileCallbacksRunAndNoneAfterDestruction)
 {
-    Recorder owner;
-    std::atomic<bool> finished(false);
-    auto timer = MakeTimer();
-    owner.action = [&](unsigned int) {
-        SleepMs(300);
-        finished = true;
-    };
-    unsigned int id = NONE;
-    ASSERT_TRUE(timer->AddEvent(&owner, 0, id, false));
-    ASSERT_TRUE(owner.WaitForCalls(1));
+    Recorder owners[4];
+    auto timer = std::make_unique<CWakeUpTimer>(KQ::CThread::GetPriority());
+    CWakeUpTimer* raw = timer.get();  // the callbacks never see the unique_ptr reset
+    std::atomic<unsigned int> failures{0};
+    std::vector<std::thread> threads;
+    for (unsigned int w = 0; w < 4; ++w) {
+        owners[w].action = [raw](unsigned int id) {
+            if (id % 7 == 0) {
+                raw->UpdateEvent(id, 3, id % 2 == 0);  // may find it removed meanwhile
+            }
+        };
+        threads.emplace_back([&, w] { failures += RunWorker(*timer, owners[w], 1000 + w); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    // The periodic events left keep the callbacks coming.
+    const auto total = [&owners] { return owners[0].Count() + owners[1].Count() + owners[2].Count() + owners[3].Count(); };
+    for (int i = 0; i < 1000 && total() < 2000; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
     timer.reset();
-    EXPECT_TRUE(finished.load());
+    const size_t atDestruction = total();
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(failures.load(), 0u);
+    EXPECT_GE(atDestruction, 2000u);
+    EXPECT_EQ(total(), atDestruction) << "called after the timer was destroyed";
 }
