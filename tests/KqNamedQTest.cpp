@@ -47,6 +47,7 @@ TEST_F(NamedQ, OpenTakesTheQueueSizesAndOnlyTheCreatorUnlinks)
 {
     CNamedQ missing(name, false, 128, 10);
     EXPECT_FALSE(missing.IsValid());
+    EXPECT_EQ(ENOENT, errno);
     EXPECT_FALSE(missing.Send("x"));
     EXPECT_EQ((Lines{Diag("create failed ", ENOENT, false), Diag(sendFailed, EBADF)}), capture.Lines());
     CNamedQ creator(name, true, 128, 10);
@@ -67,6 +68,7 @@ TEST_F(NamedQ, OpenTakesTheQueueSizesAndOnlyTheCreatorUnlinks)
     secondCreator.ShutDown();         // finds the name gone
     EXPECT_EQ(3u, capture.Lines().size());
     EXPECT_EQ(Diag("failed unlink errno = ", ENOENT), capture.Lines().back());
+    EXPECT_EQ("", CNamedQ(name, false, 1ul << 60, 2).Receive(10));  // sizes no buffer
 }
 
 // A 64-byte slot holds 63 characters and the NUL that travels with them.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -50,7 +51,11 @@ int RecordingHook(const char* format, ...)
     return 0;
 }
 
-int OtherHook(const char*, ...) { return 0; }
+int OtherHook(const char*, ...)
+{
+    errno = EIO;
+    return 0;
+}
 
 class HookTest : public ::testing::Test {
 protected:
@@ -96,6 +101,15 @@ TEST_F(HookTest, InitWithNullKeepsTheLastInstalledHook)
     KQ::Init(&OtherHook);
     KQ::Init(nullptr);
     EXPECT_EQ(KQ::pPrintf, &OtherHook);
+}
+
+TEST(OutputHook, ErrnoSurvivesTheHook)
+{
+    KQ::Init(&OtherHook);
+    errno = ENOENT;
+    KQ::MyPrintf("failed: %d", 2);
+    EXPECT_EQ(errno, ENOENT);
+    KQ::Init(&printf);
 }
 
 TEST_F(HookTest, LongMessagesAreCutAt255Characters)

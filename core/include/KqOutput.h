@@ -28,8 +28,8 @@ KQ_API void Init(int (*fn)(const char* format, ...));
 
 // Formats one diagnostic line (at most 255 characters; longer output is cut
 // silently) and passes it to the hook as pPrintf("%s\n", text), so '%' in
-// the text prints literally and a newline is always added. Never fails and
-// never allocates.
+// the text prints literally and a newline is always added. Never fails,
+// never allocates and leaves errno as it was, whatever the hook does.
 KQ_API void MyPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Appends each of the count bytes at data to out as "%02X " (two upper-case

@@ -2,6 +2,7 @@
 #include "KqOutput.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
@@ -18,12 +19,16 @@ void Init(int (*fn)(const char* format, ...))
 
 void MyPrintf(const char* format, ...)
 {
+    // Callers print right after a failing call and promise its errno to
+    // their own callers, so neither formatting nor the hook may change it.
+    const int savedErrno = errno;
     char buffer[256] = {};
     va_list args;
     va_start(args, format);
     vsnprintf(buffer, sizeof buffer, format, args);
     va_end(args);
     pPrintf("%s\n", buffer);
+    errno = savedErrno;
 }
 
 const char* HexStream(std::string& out, const unsigned char* data, int count)

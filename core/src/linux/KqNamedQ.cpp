@@ -132,6 +132,12 @@ bool CNamedQ::Send(const std::string& text, unsigned long milliseconds)
 
 std::string CNamedQ::Receive(unsigned long milliseconds)
 {
+    if (m_pHandle->fd == -1) {
+        // No queue: fail as mq_receive would, without sizing a buffer from
+        // the caller's unchecked message size first.
+        errno = EBADF;
+        return std::string();
+    }
     std::string message(static_cast<size_t>(m_MsgSize), '\0');
     unsigned int priority = 0;
     ssize_t received;
