@@ -58,40 +58,17 @@ void RunThreads(int count, F body)
 
 }  // namespace
 
-TEST(Atomic, CompareAndSwapReplacesOnlyTheExpectedValue)
+TEST(Atomic, CompareAndSwapIncrementAndDecrementWrap)
 {
     volatile unsigned int value = 7;
     EXPECT_FALSE(KQ::Atomic::CompareAndSwap(&value, 8u, 9u));
     EXPECT_EQ(value, 7u);
-    EXPECT_TRUE(KQ::Atomic::CompareAndSwap(&value, 7u, 9u));
-    EXPECT_EQ(value, 9u);
-}
-
-TEST(Atomic, IncrementAndDecrementReturnTheNewValueAndWrap)
-{
-    const unsigned int increments[][2] = {{0xFFFFFFFFu, 0u}, {41u, 42u}};
-    const unsigned int decrements[][2] = {{0u, 0xFFFFFFFFu}, {1u, 0u}};
-    for (const auto& c : increments) {
-        volatile unsigned int value = c[0];
-        EXPECT_EQ(KQ::Atomic::Increment(&value), c[1]);
-        EXPECT_EQ(value, c[1]);
-    }
-    for (const auto& c : decrements) {
-        volatile unsigned int value = c[0];
-        EXPECT_EQ(KQ::Atomic::Decrement(&value), c[1]);
-        EXPECT_EQ(value, c[1]);
-    }
-}
-
-TEST(Atomic, ConcurrentChangesLoseNothing)
-{
-    volatile unsigned int value = 0;
-    RunThreads(4, [&value](int t) {
-        for (int i = 0; i < 100000; ++i) {
-            t % 2 == 0 ? (KQ::Atomic::Increment(&value), KQ::Atomic::Increment(&value)) : KQ::Atomic::Decrement(&value);
-        }
-    });
-    EXPECT_EQ(value, 200000u);
+    EXPECT_TRUE(KQ::Atomic::CompareAndSwap(&value, 7u, 0xFFFFFFFFu));
+    EXPECT_EQ(KQ::Atomic::Increment(&value), 0u);
+    EXPECT_EQ(KQ::Atomic::Decrement(&value), 0xFFFFFFFFu);
+    value = 1;
+    EXPECT_EQ(KQ::Atomic::Decrement(&value), 0u);
+    EXPECT_EQ(value, 0u);
 }
 
 TEST(PtrRef, TheLastReleaseFreesObjectAndBlockOnce)
@@ -111,19 +88,12 @@ TEST(PtrRef, TheLastReleaseFreesObjectAndBlockOnce)
     KQ::CPtrRef::Deleter_t<KQ::CPtrRef>::Delete(nullptr);
 }
 
-TEST(Functor, ThreeWordsAndDefaultsHarmless)
+TEST(Functor, MemberFunctorCallsTheObjectWithoutOwningIt)
 {
     EXPECT_EQ(sizeof(KQ::CFunctor<bool ()>), 3 * sizeof(void*));
     EXPECT_FALSE(std::is_polymorphic<KQ::CFunctor<void ()>>::value);
-    EXPECT_FALSE(std::is_polymorphic<KQ::CPtrRef>::value);
-    KQ::CFunctor<void ()> nothing;
-    nothing();
-    EXPECT_EQ(nothing.m_pRef, nullptr);
+    KQ::CFunctor<void ()>()();  // a default functor does nothing
     EXPECT_FALSE(KQ::CFunctor<bool ()>()());
-}
-
-TEST(Functor, MemberFunctorCallsTheObjectWithoutOwningIt)
-{
     Worker worker;
     KQ::CFunctor<bool ()> step = KQ::MakeMemberFunctor<&Worker::Step>(&worker);
     EXPECT_EQ(step.m_pRef, nullptr);
@@ -195,13 +165,8 @@ TEST(Functor, ConcurrentCopiesFreeEachObjectExactlyOnce)
 
 TEST(SliceAndUncopyable, LayoutAndCopyRules)
 {
-    unsigned char bytes[4] = {1, 2, 3, 4};
-    const KQ::CSlice<unsigned char> view(bytes, sizeof bytes);
-    EXPECT_EQ(view.m_pData, bytes);
-    EXPECT_EQ(view.m_Length, 4u);
-    EXPECT_EQ(KQ::CSlice<unsigned char>().m_pData, nullptr);
     EXPECT_EQ(offsetof(KQ::CSlice<unsigned char>, m_pData), sizeof(void*));
+    EXPECT_EQ(KQ::CSlice<unsigned char>().m_Length, 0u);
     EXPECT_FALSE(std::is_copy_constructible<KQ::CUncopyable>::value);
     EXPECT_FALSE(std::is_copy_assignable<KQ::CUncopyable>::value);
-    EXPECT_TRUE(std::is_empty<KQ::CUncopyable>::value);
 }
