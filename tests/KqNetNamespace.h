@@ -15,53 +15,23 @@
 
 namespace KqTest {
 
-namespace NetNamespaceDetail {
-
-inline std::string Failure(const char* what)
+// Call once, before any thread starts (threads made earlier stay in the old
+// namespace). Returns an empty string when the process now runs in the
+// namespace, otherwise why not; the process then stays in (or goes back to)
+// its original namespace, so that plain loopback tests still find lo up.
+inline std::string PrivateMulticastNetwork()
 {
-    return std::string(what) + " failed: " + std::strerror(errno);
-}
-
-inline std::string EnterAndConfigure()
-{
-    if (unshare(CLONE_NEWNET) != 0) {
-        return Failure("unshare(CLONE_NEWNET)");
-    }
-    // lo starts down and without multicast in a new namespace.
-    if (std::system("ip link set lo up multicast on && ip route add 224.0.0.0/4 dev lo") != 0) {
-        return "configuring lo with ip (iproute2) failed";
-    }
-    return std::string();
-}
-
-// Enters and configures the namespace; on failure goes back to the original
-// one, so that plain loopback tests still find a working lo.
-inline std::string Enter()
-{
-    if (geteuid() != 0) {
-        return "not running as root";
-    }
     const int original = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (original == -1) {
-        return Failure("opening /proc/self/ns/net");
-    }
-    const std::string result = EnterAndConfigure();
-    if (!result.empty()) {
+    std::string reason;
+    if (geteuid() != 0) {
+        reason = "not running as root";
+    } else if (unshare(CLONE_NEWNET) != 0) {
+        reason = std::string("unshare(CLONE_NEWNET) failed: ") + std::strerror(errno);
+    } else if (std::system("ip link set lo up multicast on && ip route add 224.0.0.0/4 dev lo") != 0) {
+        reason = "configuring lo with ip (iproute2) failed";  // lo starts down and without multicast
         (void)setns(original, CLONE_NEWNET);
     }
     close(original);
-    return result;
-}
-
-}  // namespace NetNamespaceDetail
-
-// Enters the namespace once, on first call; call it before any thread starts
-// (threads made earlier stay in the old namespace). Returns an empty string
-// when the process now runs in it, otherwise why not (the process then stays
-// in its original namespace; multicast checks are skipped with that reason).
-inline const std::string& PrivateMulticastNetwork()
-{
-    static const std::string reason = NetNamespaceDetail::Enter();
     return reason;
 }
 

@@ -1,292 +1,251 @@
-// Socket addresses and the stream socket, against plain listening TCP and
-// local-domain sockets on loopback.
+// Socket addresses, the stream socket, the datagram sockets and the multicast
+// multi-socket, against plain TCP, local-domain and UDP sockets. The program
+// runs in a private network namespace when it can (root), so multicast stays
+// on its own loopback; the multicast cases skip with the reason otherwise.
 #include "Kq.h"
+#include "KqNetNamespace.h"
 #include "KqTestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstring>
-#include <string>
-#include <vector>
+#include <thread>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 using namespace KQ;
+using namespace std::chrono;
 
 namespace {
 
-typedef std::chrono::steady_clock Clock_t;
+// Entered at load time, before gtest or any thread starts.
+const std::string g_NoMulticast = KqTest::PrivateMulticastNetwork();
+#define REQUIRE_MULTICAST() \
+    if (!g_NoMulticast.empty()) GTEST_SKIP() << "multicast needs a private network namespace: " << g_NoMulticast
 
-long MillisecondsSince(Clock_t::time_point start)
-{
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock_t::now() - start).count());
-}
+const CIpAddress ANY(0, 0, 0, 0), LOOPBACK(127, 0, 0, 1), GROUP1(239, 1, 1, 1), GROUP2(239, 1, 1, 2);
 
-// A plain listening socket (TCP on 127.0.0.1 with an ephemeral port, or
-// local-domain on a path); closed with the object.
-class Listener {
-public:
-    Listener() : m_Fd(socket(AF_INET, SOCK_STREAM, 0)), m_Port(0)
+// What perror prints for message with the given errno value.
+const auto Perror = [](const char* message, int error) { return std::string(message) + ": " + strerror(error) + "\n"; };
+
+// A plain socket of the given type bound to address (port 0: a free one),
+// listening if it is a stream socket, receiving for a second at most; closed
+// with the object.
+struct Plain {
+    Plain(int type, const ISocketAddress& address) : fd(socket(address.GetSockAddr()->sa_family, type, 0))
     {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (bind(m_Fd, reinterpret_cast<sockaddr*>(&address), length) == 0 && listen(m_Fd, 4) == 0 &&
-            getsockname(m_Fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-            m_Port = ntohs(address.sin_port);
-        }
+        const timeval second = {1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second);
+        EXPECT_EQ(0, bind(fd, address.GetSockAddr(), static_cast<socklen_t>(address.GetSockAddrLength())));
+        EXPECT_TRUE(type == SOCK_DGRAM || listen(fd, 4) == 0);
     }
-    explicit Listener(const std::string& path) : m_Fd(socket(AF_UNIX, SOCK_STREAM, 0)), m_Port(0)
+    explicit Plain(int type = SOCK_DGRAM, const CIpAddress& ip = LOOPBACK) : Plain(type, CInetSocketAddress(ip, 0)) {}
+    ~Plain() { close(fd); }
+    unsigned short Port() const
     {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        EXPECT_EQ(0, bind(m_Fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
-        EXPECT_EQ(0, listen(m_Fd, 4));
+        CInetSocketAddress local(ANY, 0);
+        socklen_t length = 16;
+        getsockname(fd, local.GetSockAddr(), &length);
+        return local.GetPort();
     }
-    ~Listener() { close(m_Fd); }
-
-    unsigned short Port() const { return m_Port; }
-    // Whether a connection is waiting to be accepted.
-    bool HasPending() const
+    ssize_t SendTo(const CIpAddress& address, unsigned short port, const std::string& text) const
     {
-        pollfd entry = {m_Fd, POLLIN, 0};
-        return poll(&entry, 1, 0) == 1;
+        return sendto(fd, text.data(), text.size(), 0, CInetSocketAddress(address, port).GetSockAddr(), 16);
     }
-    int Accept() const { return accept(m_Fd, nullptr, nullptr); }
-
-private:
-    int m_Fd;
-    unsigned short m_Port;
+    const int fd;
 };
 
-// A port on 127.0.0.1 where nothing listens (a listener's, after closing it).
-unsigned short UnusedPort()
-{
-    Listener probe;
-    return probe.Port();
-}
+// A 64-byte buffer: Of(text) is a slice over a copy of the text, Text(n) the
+// first n bytes (none for a failed call's -1).
+struct Buffer {
+    unsigned char bytes[64] = {};
+    CSlice<unsigned char> slice{bytes, sizeof bytes};
+    CSlice<unsigned char> Of(const std::string& text) { return {bytes, text.copy(reinterpret_cast<char*>(bytes), 64)}; }
+    std::string Text(ssize_t n) const { return std::string(bytes, bytes + (n > 0 ? n : 0)); }
+};
 
-CInetSocketAddress Loopback(unsigned short port)
-{
-    return CInetSocketAddress(CIpAddress(127, 0, 0, 1), port);
-}
-
-const unsigned char* Bytes(const ISocketAddress& address)
-{
-    return reinterpret_cast<const unsigned char*>(address.GetSockAddr());
-}
+// Shows the receiver's address, which each read replaces with the sender's.
+struct ProbedReceive : CDatagramReceive {
+    using CDatagramReceive::CDatagramReceive;
+    std::pair<CIpAddress, unsigned short> From() const { return {m_Address.GetIpAddress(), m_Address.GetPort()}; }
+};
 
 }  // namespace
 
-// --- Addresses -------------------------------------------------------------
-
-TEST(InetSocketAddress, HoldsFamilyPortAndAddressInNetworkOrder)
+TEST(SocketAddress, InetInNetworkOrderAndLocalCutTo107Characters)
 {
-    struct Case {
-        CIpAddress address;
-        unsigned short port;
-        unsigned char portBytes[2];
-        unsigned char addressBytes[4];
-    };
-    const Case cases[] = {
-        {CIpAddress(192, 168, 1, 2), 8080, {0x1F, 0x90}, {192, 168, 1, 2}},
-        {CIpAddress(0, 0, 0, 0), 0, {0, 0}, {0, 0, 0, 0}},
-        {CIpAddress(255, 255, 255, 255), 65535, {0xFF, 0xFF}, {255, 255, 255, 255}},
-        {CIpAddress(10, 0, 0, 1), 1, {0x00, 0x01}, {10, 0, 0, 1}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.address.GetIp(false));
-        CInetSocketAddress address(c.address, c.port);
-        const ISocketAddress& base = address;
-        ASSERT_EQ(16u, base.GetSockAddrLength());
-        EXPECT_EQ(AF_INET, base.GetSockAddr()->sa_family);
-        EXPECT_EQ(0, std::memcmp(Bytes(base) + 2, c.portBytes, 2));
-        EXPECT_EQ(0, std::memcmp(Bytes(base) + 4, c.addressBytes, 4));
-        EXPECT_EQ(std::vector<unsigned char>(8, 0), std::vector<unsigned char>(Bytes(base) + 8, Bytes(base) + 16));
-        EXPECT_EQ(c.port, address.GetPort());
-        EXPECT_EQ(c.address, address.GetIpAddress());
-        EXPECT_EQ(address.GetSockAddr(), base.GetSockAddr());
-    }
+    const CInetSocketAddress inet(CIpAddress(192, 168, 1, 2), 8080);
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(inet.GetSockAddr());
+    EXPECT_EQ(AF_INET, inet.GetSockAddr()->sa_family);
+    EXPECT_EQ((std::vector<unsigned char>{0x1F, 0x90, 192, 168, 1, 2, 0, 0, 0, 0, 0, 0, 0, 0}),
+              std::vector<unsigned char>(raw + 2, raw + inet.GetSockAddrLength()));
+    const CLocalSocketAddress local(std::string(200, 'p'));
+    EXPECT_EQ(110u, local.GetSockAddrLength());
+    EXPECT_EQ(std::string(107, 'p'), local.GetSocketFile());
 }
 
-TEST(LocalSocketAddress, KeepsAtMost107CharactersAndTheFullLength)
-{
-    const size_t lengths[] = {0, 1, 106, 107, 108, 200};
-    for (size_t length : lengths) {
-        SCOPED_TRACE(length);
-        std::string path(length, 'p');
-        for (size_t i = 0; i < length; ++i) {
-            path[i] = static_cast<char>('a' + i % 26);
-        }
-        const size_t kept = length < 107 ? length : 107;
-        ISocketAddress* address = new CLocalSocketAddress(path);
-        EXPECT_EQ(110u, address->GetSockAddrLength());
-        EXPECT_EQ(AF_UNIX, address->GetSockAddr()->sa_family);
-        const sockaddr_un* raw = reinterpret_cast<const sockaddr_un*>(address->GetSockAddr());
-        EXPECT_EQ(path.substr(0, kept), std::string(raw->sun_path, kept));
-        EXPECT_EQ('\0', raw->sun_path[kept]);
-        EXPECT_EQ(path.substr(0, kept), static_cast<CLocalSocketAddress*>(address)->GetSocketFile());
-        delete address;  // through the interface: frees the structure too
-    }
-}
-
-// --- Stream socket ---------------------------------------------------------
-
-TEST(StreamSocket, TalksToATcpPeerWithSingleCallsAndKeepsTheSlice)
-{
-    Listener listener;
-    ASSERT_NE(0, listener.Port());
-    CStreamSocket socket(Loopback(listener.Port()));
-    ASSERT_TRUE(socket.IsValid());
-    const int peer = listener.Accept();
-    ASSERT_GE(peer, 0);
-
-    unsigned char hello[] = {'h', 'e', 'l', 'l', 'o'};
-    const CSlice<unsigned char> out(hello, sizeof hello);
-    EXPECT_EQ(5u, socket.Write(out));
-    char received[16] = {};
-    EXPECT_EQ(5, read(peer, received, sizeof received));
-    EXPECT_STREQ("hello", received);
-
-    ASSERT_EQ(3, write(peer, "abc", 3));
-    unsigned char buffer[64] = {};
-    CSlice<unsigned char> in(buffer, sizeof buffer);
-    EXPECT_EQ(3u, socket.Read(in));
-    EXPECT_EQ(0, std::memcmp(buffer, "abc", 3));
-    EXPECT_EQ(buffer, in.m_pData);
-    EXPECT_EQ(sizeof buffer, in.m_Length);
-
-    close(peer);
-    EXPECT_EQ(0u, socket.Read(in));  // end of stream
-}
-
-TEST(StreamSocket, ConnectsOnlyOnceAndKeepsTheFirstConnection)
-{
-    Listener first;
-    Listener second;
-    CStreamSocket socket;
-    EXPECT_FALSE(socket.IsValid());
-    ASSERT_TRUE(socket.Connect(Loopback(first.Port())));
-    EXPECT_FALSE(socket.Connect(Loopback(second.Port())));
-    EXPECT_TRUE(socket.IsValid());
-    EXPECT_FALSE(second.HasPending());
-    EXPECT_TRUE(first.HasPending());
-
-    const int peer = first.Accept();
-    unsigned char byte = 'x';
-    EXPECT_EQ(1u, socket.Write(CSlice<unsigned char>(&byte, 1)));
-    char received = 0;
-    EXPECT_EQ(1, read(peer, &received, 1));
-    EXPECT_EQ('x', received);
-    close(peer);
-}
-
-TEST(StreamSocket, FailedConnectPrintsAndMayBeRetried)
-{
-    KqTest::HookCapture hook;
-    const unsigned short port = UnusedPort();
-    CStreamSocket socket(Loopback(port));
-    EXPECT_FALSE(socket.IsValid());
-    EXPECT_FALSE(socket.Connect(Loopback(port)));
-    EXPECT_EQ(ECONNREFUSED, errno);
-    EXPECT_EQ((std::vector<std::string>{"connect() failed", "connect() failed"}), hook.Lines());
-
-    Listener listener;
-    EXPECT_TRUE(socket.Connect(Loopback(listener.Port())));
-    EXPECT_TRUE(socket.IsValid());
-    EXPECT_EQ(2u, hook.Lines().size());
-}
-
-TEST(StreamSocket, SocketCreationFailurePrintsAndLeavesItUnconnected)
-{
-    // An address of a family the system does not know: socket() refuses it.
-    struct UnknownFamily : ISocketAddress {
-        sockaddr raw = {255, {}};
-        const sockaddr* GetSockAddr() const override { return &raw; }
-        sockaddr* GetSockAddr() override { return &raw; }
-        size_t GetSockAddrLength() const override { return sizeof raw; }
-    };
-    KqTest::HookCapture hook;
-    CStreamSocket socket{UnknownFamily()};
-    EXPECT_EQ(EAFNOSUPPORT, errno);
-    EXPECT_FALSE(socket.IsValid());
-    EXPECT_EQ(std::vector<std::string>{"socket() failed"}, hook.Lines());
-    Listener listener;
-    EXPECT_TRUE(socket.Connect(Loopback(listener.Port())));
-}
-
-TEST(StreamSocket, TimedReadWaitsForDataOrReturnsZero)
-{
-    Listener listener;
-    CStreamSocket socket(Loopback(listener.Port()));
-    const int peer = listener.Accept();
-    unsigned char buffer[8];
-    CSlice<unsigned char> in(buffer, sizeof buffer);
-
-    Clock_t::time_point start = Clock_t::now();
-    EXPECT_EQ(0u, socket.Read(in, 100));
-    const long waited = MillisecondsSince(start);
-    EXPECT_GE(waited, 99);
-    EXPECT_LT(waited, 100 + 2000);
-
-    start = Clock_t::now();
-    EXPECT_EQ(0u, socket.Read(in, 0));  // checks once, does not wait
-    EXPECT_LT(MillisecondsSince(start), 50);
-
-    ASSERT_EQ(2, write(peer, "ok", 2));
-    EXPECT_EQ(2u, socket.Read(in, 0));
-    ASSERT_EQ(4, write(peer, "more", 4));
-    EXPECT_EQ(4u, socket.Read(in, 5000));
-
-    close(peer);
-    start = Clock_t::now();
-    EXPECT_EQ(0u, socket.Read(in, 5000));  // hang-up: at once, not after 5 s
-    EXPECT_LT(MillisecondsSince(start), 2000);
-}
-
-TEST(StreamSocket, UnconnectedTransfersFailQuietly)
-{
-    KqTest::HookCapture hook;
-    CStreamSocket socket;
-    unsigned char buffer[4] = {1, 2, 3, 4};
-    CSlice<unsigned char> slice(buffer, sizeof buffer);
-    EXPECT_EQ(0u, socket.Write(slice));
-    EXPECT_EQ(EBADF, errno);
-    EXPECT_EQ(0u, socket.Read(slice));
-    EXPECT_EQ(0u, socket.Read(slice, 10));
-    EXPECT_TRUE(hook.Lines().empty());
-}
-
-TEST(StreamSocket, TalksToALocalDomainPeer)
+// Connects once (a failed attempt may be retried); single read and write
+// calls; reads that wait at most their time-out.
+TEST(StreamSocket, TalksToTcpAndLocalPeers)
 {
     KqTest::TempDir dir;
-    const std::string path = dir / "peer.sock";
     KqTest::HookCapture hook;
-    CStreamSocket early(CLocalSocketAddress{path});
-    EXPECT_FALSE(early.IsValid());  // nothing there yet
+    const Plain tcp(SOCK_STREAM), other(SOCK_STREAM), local(SOCK_STREAM, CLocalSocketAddress(dir / "peer"));
+    const unsigned short closed = Plain(SOCK_STREAM).Port();
+    CStreamSocket toTcp(CInetSocketAddress(LOOPBACK, closed)), toLocal(CLocalSocketAddress(dir / "peer"));
+    ASSERT_TRUE(toTcp.Connect(CInetSocketAddress(LOOPBACK, tcp.Port())));
+    ASSERT_FALSE(toTcp.Connect(CInetSocketAddress(LOOPBACK, other.Port())));  // prints nothing
     EXPECT_EQ(std::vector<std::string>{"connect() failed"}, hook.Lines());
+    pollfd pending = {other.fd, POLLIN, 0};
+    EXPECT_EQ(0, poll(&pending, 1, 0));  // nothing came to the second peer
+    for (const auto& [socket, listener] : {std::make_pair(&toTcp, &tcp), std::make_pair(&toLocal, &local)}) {
+        const int peer = accept(listener->fd, nullptr, nullptr);
+        Buffer buffer;
+        EXPECT_EQ(5u, socket->Write(buffer.Of("hello")));
+        EXPECT_EQ("hello", buffer.Text(read(peer, buffer.bytes, 64)));
+        auto start = steady_clock::now();
+        EXPECT_EQ(0u, socket->Read(buffer.slice, 100));
+        EXPECT_GE(steady_clock::now() - start, 99ms);
+        EXPECT_EQ(0u, socket->Read(buffer.slice, 0));  // checks once, does not wait
+        ASSERT_EQ(3, write(peer, "abc", 3));
+        EXPECT_EQ("abc", buffer.Text(socket->Read(buffer.slice, 0)));
+        ASSERT_EQ(4, write(peer, "more", 4));
+        EXPECT_EQ("more", buffer.Text(socket->Read(buffer.slice)));
+        EXPECT_TRUE(buffer.slice.m_pData == buffer.bytes && buffer.slice.m_Length == 64);
+        close(peer);
+        start = steady_clock::now();
+        EXPECT_EQ(0u, socket->Read(buffer.slice, 5000));  // hang-up: at once, not after 5 s
+        EXPECT_LT(steady_clock::now() - start, 2s);
+    }
+}
 
-    Listener listener(path);
-    CStreamSocket socket(CLocalSocketAddress{path});
-    ASSERT_TRUE(socket.IsValid());
-    const int peer = listener.Accept();
-    unsigned char ping[] = {'p', 'i', 'n', 'g'};
-    EXPECT_EQ(4u, socket.Write(CSlice<unsigned char>(ping, sizeof ping)));
-    char received[8] = {};
-    EXPECT_EQ(4, read(peer, received, sizeof received));
-    ASSERT_EQ(4, write(peer, "pong", 4));
-    unsigned char buffer[8] = {};
-    CSlice<unsigned char> in(buffer, sizeof buffer);
-    EXPECT_EQ(4u, socket.Read(in, 1000));
-    EXPECT_EQ(0, std::memcmp(buffer, "pong", 4));
-    close(peer);
+TEST(DatagramReceive, TakesUnicastToAnyLocalAddressRecordsTheSenderAndWaits)
+{
+    const unsigned short port = Plain().Port();
+    ProbedReceive receiver(ANY, port, ANY);
+    const Plain sender(SOCK_DGRAM, CIpAddress(127, 0, 0, 2));
+    Buffer buffer;
+    ASSERT_EQ(100, sender.SendTo(CIpAddress(127, 0, 0, 3), port, std::string(100, 'L')));
+    EXPECT_EQ(std::string(64, 'L'), buffer.Text(receiver.Read(buffer.slice, 1000)));  // cut to the slice
+    EXPECT_EQ(std::make_pair(CIpAddress(127, 0, 0, 2), sender.Port()), receiver.From());
+    auto start = steady_clock::now();
+    EXPECT_EQ(0u, receiver.Read(buffer.slice, 50));  // the cut rest is gone
+    EXPECT_GE(steady_clock::now() - start, 49ms);
+    std::thread late([&] {
+        std::this_thread::sleep_for(150ms);
+        sender.SendTo(LOOPBACK, port, "late");
+    });
+    start = steady_clock::now();
+    EXPECT_EQ("late", buffer.Text(receiver.Read(buffer.slice, 0)));  // 0: no limit
+    EXPECT_GE(steady_clock::now() - start, 100ms);
+    late.join();
+}
+
+TEST(DatagramTransmit, SendsToItsDestinationWithOrWithoutADevice)
+{
+    const Plain receiver;
+    for (const auto& [device, fails] : {std::make_pair(std::string(), false), {"lo", false}, {"kq-no-such-dev", true},
+                                        {std::string(40, 'd'), true}}) {
+        Buffer buffer;
+        testing::internal::CaptureStderr();
+        CDatagramTransmit transmitter(LOOPBACK, receiver.Port(), device);
+        EXPECT_EQ(7u, transmitter.Write(buffer.Of("payload")));
+        EXPECT_EQ(fails ? Perror("SO_BINDTODEVICE failed", ENODEV) : "", testing::internal::GetCapturedStderr());
+        EXPECT_EQ("payload", buffer.Text(recv(receiver.fd, buffer.bytes, 64, 0)));
+    }
+}
+
+// The messages of failing system calls: through the hook for the stream
+// socket, through perror for the datagram classes.
+TEST(Sockets, FailuresPrintTheirMessages)
+{
+    const Plain taken;  // its port is bound without address reuse
+    std::vector<int> ready;
+    Buffer buffer;
+    KqTest::HookCapture hook;
+    testing::internal::CaptureStderr();
+    rlimit saved;
+    getrlimit(RLIMIT_NOFILE, &saved);
+    const rlimit noMore = {0, saved.rlim_max};  // no new descriptor can be opened
+    setrlimit(RLIMIT_NOFILE, &noMore);
+    CStreamSocket stream(CInetSocketAddress(LOOPBACK, taken.Port()));
+    CDatagramTransmit transmitter(LOOPBACK, taken.Port(), "");
+    CDatagramMultiSocket noSet;
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_FALSE(stream.IsValid() || transmitter.IsValid() || noSet.IsValid());
+    EXPECT_EQ(0u, stream.Write(buffer.slice) + stream.Read(buffer.slice) + stream.Read(buffer.slice, 10));
+    EXPECT_EQ(0u, transmitter.Write(buffer.slice));
+    CDatagramReceive notAGroup(LOOPBACK, taken.Port(), LOOPBACK), inUse(LOOPBACK, taken.Port(), ANY);
+    EXPECT_FALSE(notAGroup.IsValid() || inUse.IsValid());
+    errno = EBADF;
+    EXPECT_EQ(0u, inUse.Read(buffer.slice, 0));
+    CDatagramMultiSocket multi;
+    EXPECT_EQ(1, multi.Wait(ready, 0));                                          // no socket: the system refuses
+    EXPECT_EQ(-1, multi.AddConnection(LOOPBACK, LOOPBACK, taken.Port(), true));  // not a group
+    EXPECT_FALSE(multi.RemoveConnection(taken.fd));
+    EXPECT_EQ(0u, multi.Read(-1, buffer.slice));
+    EXPECT_EQ(Perror("socket creation failed", EMFILE) + Perror("epoll create failed", EMFILE) +
+                  Perror("setsocketopt failed", EINVAL) + Perror("bind failed", EADDRINUSE) +
+                  Perror("CDatagramReceive::Read() - Invalid socket", EBADF) + Perror("epoll_wait failed", EINVAL) +
+                  Perror("setsocketopt failed", EINVAL) + Perror("epoll_ctl failed", ENOENT) +
+                  Perror("Read failed", EBADF),
+              testing::internal::GetCapturedStderr());
+    EXPECT_EQ(std::vector<std::string>{"socket() failed"}, hook.Lines());  // unconnected transfers print nothing
+    EXPECT_NE(-1, fcntl(taken.fd, F_GETFD));            // not in the set, so not closed
+}
+
+// Several groups on one port: each socket gets only its group's datagrams.
+TEST(DatagramMulticast, GroupsOnOnePortReachOnlyTheirMembers)
+{
+    REQUIRE_MULTICAST();
+    const unsigned short port = Plain().Port();
+    const Plain sender;
+    KqTest::HookCapture hook;
+    int first = -1, second = -1;
+    {
+        CDatagramMultiSocket multi;
+        ProbedReceive member(CIpAddress(239, 1, 1, 3), port, LOOPBACK);
+        first = multi.AddConnection(GROUP1, LOOPBACK, port, true);
+        second = multi.AddConnection(GROUP2, ANY, port, true);
+        ASSERT_TRUE(multi.IsValid() && member.IsValid() && first >= 0 && second >= 0);
+        Buffer buffer;
+        ASSERT_EQ(5, sender.SendTo(CIpAddress(239, 1, 1, 3), port, "three"));
+        EXPECT_EQ("three", buffer.Text(member.Read(buffer.slice, 1000)));
+        EXPECT_EQ(std::make_pair(LOOPBACK, sender.Port()), member.From());
+        std::vector<int> ready = {-7};
+        const auto start = steady_clock::now();
+        EXPECT_EQ(2, multi.Wait(ready, 100));
+        EXPECT_GE(steady_clock::now() - start, 99ms);
+        EXPECT_EQ(std::vector<int>{-7}, ready);
+        CDatagramTransmit toFirst(GROUP1, port, ""), toSecond(GROUP2, port, "");
+        ASSERT_EQ(3u, toSecond.Write(buffer.Of("two")));
+        EXPECT_EQ(0, multi.Wait(ready, 1000));
+        EXPECT_EQ((std::vector<int>{-7, second}), ready);
+        CSlice<unsigned char> two(buffer.bytes, 2);
+        EXPECT_EQ("tw", buffer.Text(multi.Read(second, two)));  // cut to the slice
+        ASSERT_EQ(3u, toFirst.Write(buffer.Of("one")));
+        EXPECT_EQ(0, multi.Wait(ready, 1000));  // appends
+        EXPECT_EQ((std::vector<int>{-7, second, first}), ready);
+        EXPECT_EQ(0u, member.Read(buffer.slice, 50));
+    }
+    EXPECT_EQ(std::vector<std::string>{"~CDatagramMultiSocket() 2 Sockets are still open!"}, hook.Lines());
+    EXPECT_EQ(0, close(first) + close(second));  // both still open
+}
+
+TEST(DatagramMultiSocket, SameGroupAndPortNeedsReuseOnBothSockets)
+{
+    REQUIRE_MULTICAST();
+    for (int reuse = 0; reuse < 4; ++reuse) {  // bit 0: the first socket's flag, bit 1: the second's
+        const unsigned short port = Plain().Port();
+        CDatagramMultiSocket one, two;
+        const int first = one.AddConnection(GROUP1, LOOPBACK, port, reuse & 1);
+        testing::internal::CaptureStderr();
+        const int second = two.AddConnection(GROUP1, LOOPBACK, port, reuse & 2);
+        EXPECT_EQ(reuse == 3 ? "" : Perror("Bind not successful", EADDRINUSE), testing::internal::GetCapturedStderr());
+        EXPECT_EQ(reuse == 3, second >= 0 && two.RemoveConnection(second)) << reuse;
+        EXPECT_TRUE(one.RemoveConnection(first));
+        EXPECT_EQ(-1, fcntl(first, F_GETFD));  // closed
+    }
 }
