@@ -75,6 +75,10 @@ TEST(ScheduleCancel, CountedUntilAtTheFrontAlsoFromTheirOwnFunctor)
     schedule.ProcessSchedule();
     EXPECT_EQ(log, std::vector<int>({2, 4}));
     EXPECT_EQ(schedule.GetEventCount(), 0u);
+    CSchedule::CEvent moved(std::move(later));  // the source is left harmless
+    EXPECT_TRUE(later.IsCancelled());
+    later.Execute();
+    EXPECT_FALSE(later.Reschedule());
 }
 
 TEST(ScheduleWakeUp, AddEventEndsAWaitingPass)

@@ -61,7 +61,9 @@ public:
         // Copies share the record.
         CEvent(const CEvent& other) noexcept;
         CEvent& operator=(const CEvent& other) noexcept;
-        // A moved-from handle may only be assigned to or destroyed.
+        // A moved-from handle has no record: it reads as cancelled and due,
+        // Cancel, Execute and Reschedule do nothing, and it must not be
+        // compared; it may be assigned to or destroyed.
         CEvent(CEvent&& other) noexcept : m_pRef(other.m_pRef), m_pEvent(other.m_pEvent)
         {
             other.m_pRef = nullptr;

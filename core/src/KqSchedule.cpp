@@ -64,16 +64,21 @@ CSchedule::CEvent::~CEvent()
 
 void CSchedule::CEvent::Cancel()
 {
-    m_pEvent->cancelled.store(true);
+    if (m_pEvent != nullptr) {
+        m_pEvent->cancelled.store(true);
+    }
 }
 
 bool CSchedule::CEvent::IsCancelled() const
 {
-    return m_pEvent->cancelled.load();
+    return m_pEvent == nullptr || m_pEvent->cancelled.load();
 }
 
 unsigned int CSchedule::CEvent::GetTriggerDelay() const
 {
+    if (m_pEvent == nullptr) {
+        return 0;
+    }
     const uint64_t now = Time::GetTicks1G();
     const uint64_t due = m_pEvent->dueTimeNs;
     return due < now ? 0 : static_cast<unsigned int>((due - now) / NS_PER_MS);
@@ -81,15 +86,18 @@ unsigned int CSchedule::CEvent::GetTriggerDelay() const
 
 void CSchedule::CEvent::Execute() const
 {
-    m_pEvent->functor();
+    if (m_pEvent != nullptr) {
+        m_pEvent->functor();
+    }
 }
 
 bool CSchedule::CEvent::Reschedule()
 {
-    if (m_pEvent->periodic) {
-        m_pEvent->dueTimeNs += m_pEvent->intervalNs;
+    if (m_pEvent == nullptr || !m_pEvent->periodic) {
+        return false;
     }
-    return m_pEvent->periodic;
+    m_pEvent->dueTimeNs += m_pEvent->intervalNs;
+    return true;
 }
 
 CSchedule::CSchedule() : m_Lock(nullptr), m_WakeUp(0) {}
