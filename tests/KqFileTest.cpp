@@ -6,14 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
+#include <tuple>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace KQ;
@@ -27,9 +27,8 @@ void WriteText(const std::string& path, const std::string& text)
 
 std::string ReadText(const std::string& path)
 {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 CSlice<unsigned char> SliceOf(std::string& text)
@@ -37,103 +36,73 @@ CSlice<unsigned char> SliceOf(std::string& text)
     return CSlice<unsigned char>(reinterpret_cast<unsigned char*>(&text[0]), text.size());
 }
 
-// The permission letters ("rw-s") of the mapping that contains address.
+// The permission letters ("rw-s") of the mapping that starts at address, "" for none.
 std::string MapsPermissions(const void* address)
 {
     std::ifstream maps("/proc/self/maps");
-    unsigned long from = 0, to = 0, where = reinterpret_cast<unsigned long>(address);
-    char perms[8] = {};
+    char start[32];
+    snprintf(start, sizeof start, "%lx-", reinterpret_cast<unsigned long>(address));
     for (std::string line; std::getline(maps, line);) {
-        if (sscanf(line.c_str(), "%lx-%lx %7s", &from, &to, perms) == 3 && where >= from && where < to) {
-            return perms;
+        if (line.rfind(start, 0) == 0) {
+            return line.substr(line.find(' ') + 1, 4);
         }
     }
     return "";
 }
 
-// Reads up to 5 bytes, seeks to 0, writes "XY": what the three calls returned.
-template <typename File>
-std::string ReadSeekWriteXY(File& file)
-{
-    std::string buffer(5, '\0'), xy = "XY";
-    CSlice<unsigned char> in = SliceOf(buffer);
-    const size_t read = file.Read(in);
-    const long offset = file.SeekBegin(0);
-    return std::to_string(read) + std::to_string(offset) + std::to_string(file.Write(SliceOf(xy)));
-}
-
-// Opens a missing path and a file holding "hello" in mode and runs ReadSeekWriteXY on
-// the second: "+" if the missing path was created, the calls' results, the file content.
+// Opens a missing path, then a file holding "hello" where it reads 5 bytes, seeks to 0 and
+// writes "XY": "+" when the missing path was created, the results of the three calls, "s"
+// for O_SYNC, "!" for a descriptor left open, the content afterwards.
 template <typename File, typename... Args>
 std::string ModeOutcome(Args... args)
 {
     KqTest::TempDir dir;
     WriteText(dir / "f", "hello");
+    const int fd = open("/dev/null", O_RDONLY);  // the lowest free descriptor: each open below gets it
+    close(fd);
     std::string outcome = File(dir / "missing", args...).IsValid() ? "+" : "";
-    {
-        File file(dir / "f", args...);
-        outcome += file.IsValid() ? ReadSeekWriteXY(file) + " " : "";
+    std::string buffer(5, '\0'), xy = "XY";
+    CSlice<unsigned char> in = SliceOf(buffer);
+    if (File file(dir / "f", args...); file.IsValid()) {
+        outcome += std::to_string(file.Read(in));
+        outcome += std::to_string(file.SeekBegin(0));
+        outcome += std::to_string(file.Write(SliceOf(xy))) + ((fcntl(fd, F_GETFL) & O_SYNC) ? "s " : " ");
     }
-    return outcome + ReadText(dir / "f");
+    return outcome + (fcntl(fd, F_GETFD) != -1 ? "!" : "") + ReadText(dir / "f");
 }
 
-TEST(CFile, EveryModeOfBothClassesOpensCreatesReadsAndWritesAsItsFlagsSay)
+TEST(CFile, EveryModeOfBothFileClassesOpensCreatesReadsAndWritesAsItsFlagsSay)
 {
-    const struct {
-        bool buffered;
-        int mode;
-        const char* outcome;
-    } cases[] = {
-        {false, CFile::eModeRead, "500 hello"},          {false, CFile::eModeReadWrite, "502 XYllo"},
-        {false, CFile::eModeWrite, "002 XYllo"},         {false, CFile::eModeAppend, "+002 helloXY"},
-        {false, CFile::eModeCreateNew, "+hello"},        {false, CFile::eModeTruncate, "+002 XY"},
-        {false, 6, "500 hello"},                         {false, 42, "500 hello"},
-        {true, CBufferedFile::eModeRead, "500 hello"},   {true, CBufferedFile::eModeReadWrite, "502 XYllo"},
-        {true, CBufferedFile::eModeAppend, "+002 helloXY"}, {true, CBufferedFile::eModeTruncate, "+002 XY"},
-        {true, 4, "hello"},
+    // buffered, mode, sync, outcome
+    const std::tuple<bool, int, bool, const char*> cases[] = {
+        {false, CFile::eModeRead, false, "500 hello"},
+        {false, CFile::eModeReadWrite, true, "502s XYllo"},
+        {false, CFile::eModeWrite, false, "002 XYllo"},
+        {false, CFile::eModeAppend, true, "+002s helloXY"},
+        {false, CFile::eModeCreateNew, true, "+hello"},
+        {false, CFile::eModeTruncate, false, "+002 XY"},
+        {false, 6, true, "500s hello"},
+        {false, 42, false, "500 hello"},
+        {true, CBufferedFile::eModeRead, false, "500 hello"},
+        {true, CBufferedFile::eModeReadWrite, false, "502 XYllo"},
+        {true, CBufferedFile::eModeAppend, false, "+002 helloXY"},
+        {true, CBufferedFile::eModeTruncate, false, "+002 XY"},
+        {true, 4, false, "hello"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode);
-        EXPECT_EQ(c.outcome, c.buffered ? ModeOutcome<CBufferedFile>(CBufferedFile::Mode_e(c.mode), 512ul)
-                                        : ModeOutcome<CFile>(CFile::Mode_e(c.mode), CFile::eAccessReadWrite, false));
+    for (const auto& [buffered, mode, sync, outcome] : cases) {
+        EXPECT_EQ(outcome, buffered ? ModeOutcome<CBufferedFile>(CBufferedFile::Mode_e(mode), 512ul)
+                                    : ModeOutcome<CFile>(CFile::Mode_e(mode), CFile::eAccessReadWrite, sync))
+            << mode;
     }
 }
 
-TEST(CFile, SyncAddsOSyncInEveryModeAndTheDestructorCloses)
-{
-    for (int mode = CFile::eModeRead; mode <= 6; ++mode) {
-        for (bool sync : {false, true}) {
-            SCOPED_TRACE(mode * 2 + sync);
-            KqTest::TempDir dir;
-            WriteText(dir / "f", "x");
-            const int fd = open("/dev/null", O_RDONLY);  // the lowest free descriptor, which the next open gets
-            close(fd);
-            {
-                CFile file(dir / (mode == CFile::eModeCreateNew ? "new" : "f"), CFile::Mode_e(mode), CFile::eAccessRead, sync);
-                EXPECT_EQ(sync, (fcntl(fd, F_GETFL) & O_SYNC) == O_SYNC);
-            }
-            EXPECT_EQ(-1, fcntl(fd, F_GETFD));
-        }
-    }
-}
-
-TEST(CFile, ASecondOpenIsRefusedAndKeepsTheFirstFileAndAccessClass)
-{
-    KqTest::TempDir dir;
-    WriteText(dir / "a", "first");
-    CFile file;
-    ASSERT_TRUE(file.Open(dir / "a", CFile::eModeRead, CFile::eAccessRead, false));
-    EXPECT_FALSE(file.Open(dir / "a", CFile::eModeReadWrite, CFile::eAccessReadWrite, false));
-    EXPECT_EQ("500", ReadSeekWriteXY(file));
-    // Read-write access would make a shared mapping of this read-only descriptor fail.
-    EXPECT_TRUE(CMappedMem(file, 0, 0).IsValid());
-}
-
-TEST(CFile, SeeksAndGetSizeGiveTheNewOffsetOrMinusOneAndGetSizeRestoresIt)
+TEST(CFile, SeeksAndGetSizeGiveTheNewOffsetOrMinusOneAndASecondOpenIsRefused)
 {
     KqTest::TempDir dir;
     WriteText(dir / "f", "0123456789");
-    CFile file(dir / "f", CFile::eModeReadWrite, CFile::eAccessReadWrite, false), closed;
+    CFile file(dir / "f", CFile::eModeRead, CFile::eAccessRead, false), closed;
+    EXPECT_FALSE(file.Open(dir / "f", CFile::eModeReadWrite, CFile::eAccessReadWrite, false));
+    EXPECT_TRUE(CMappedMem(file, 0, 0).IsValid());  // still read-only: read-write access could not map
     EXPECT_EQ(7, file.SeekEnd(-3));
     EXPECT_EQ(5, file.Seek(-2));
     EXPECT_EQ(-1, file.SeekBegin(-1));
@@ -141,15 +110,13 @@ TEST(CFile, SeeksAndGetSizeGiveTheNewOffsetOrMinusOneAndGetSizeRestoresIt)
     EXPECT_EQ(10, file.GetSize());
     int unread = -1;
     EXPECT_TRUE(file.IoControl(FIONREAD, &unread) && file.Flush());
-    EXPECT_EQ(5, unread);
-    EXPECT_EQ(20, file.SeekBegin(20));
+    EXPECT_EQ(5, unread);  // GetSize restored the offset
     std::string buffer(5, '\0');
     CSlice<unsigned char> slice = SliceOf(buffer);
     EXPECT_EQ(0u, closed.Read(slice) + closed.Write(slice));
     EXPECT_FALSE(closed.Flush() || closed.IoControl(FIONREAD, &unread));
-    for (long result : {closed.GetOffset(), closed.Seek(0), closed.SeekBegin(0), closed.SeekEnd(0), closed.GetSize()}) {
-        EXPECT_EQ(-1, result);
-    }
+    EXPECT_EQ(std::vector<long>(5, -1), std::vector<long>({closed.GetOffset(), closed.Seek(0), closed.SeekBegin(0),
+                                                           closed.SeekEnd(0), closed.GetSize()}));
     EXPECT_EQ(EBADF, errno);
 }
 
@@ -162,114 +129,65 @@ TEST(CBufferedFile, BuffersFullyUntilFlushAndSeeksGiveTheStreamPosition)
     EXPECT_EQ(8u, file.Write(SliceOf(lines)));
     EXPECT_EQ("", ReadText(dir / "f"));
     EXPECT_TRUE(file.Flush());
-    EXPECT_EQ(lines, ReadText(dir / "f"));
-    EXPECT_EQ(2, file.SeekBegin(2));
-    EXPECT_EQ(2, file.SeekBegin(-5));  // refused: the position stays
-    EXPECT_EQ(6, file.Seek(4));
+    EXPECT_EQ(lines, ReadText("/proc/self/fd/" + std::to_string(file.GetFileNo())));
+    EXPECT_EQ(8, file.SeekBegin(-5));  // refused: the position stays
+    EXPECT_EQ(6, file.Seek(-2));
     EXPECT_EQ(8, file.GetSize());
     EXPECT_EQ(6, file.GetOffset());
-    struct stat byName, byNumber;
-    EXPECT_EQ(0, fstat(file.GetFileNo(), &byNumber) + stat((dir / "f").c_str(), &byName));
-    EXPECT_EQ(byName.st_ino, byNumber.st_ino);
     CSlice<unsigned char> slice = SliceOf(lines);
     EXPECT_EQ(0u, closed.Read(slice) + closed.Write(slice));
-    for (long result : {closed.GetOffset(), closed.GetSize(), closed.Seek(1), closed.SeekBegin(1), closed.SeekEnd(1)}) {
-        EXPECT_EQ(0, result);
-    }
     EXPECT_FALSE(closed.Flush());
-    EXPECT_EQ(-1, closed.GetFileNo());
+    EXPECT_EQ(std::vector<long>({0, 0, 0, 0, 0, -1}),
+              std::vector<long>({closed.GetOffset(), closed.GetSize(), closed.Seek(1), closed.SeekBegin(1),
+                                 closed.SeekEnd(1), closed.GetFileNo()}));
 }
 
 TEST(CMappedMem, MapsAWholeFileOrAPageAlignedPartOnceOnly)
 {
     KqTest::TempDir dir;
     const long page = sysconf(_SC_PAGESIZE);
-    std::string content(2 * page, 'a');
-    content.replace(page, 3, "xyz");
+    const std::string content = std::string(page, 'a') + "xyz";
     WriteText(dir / "f", content);
-    WriteText(dir / "empty", "");
     CFile file(dir / "f", CFile::eModeRead, CFile::eAccessRead, false), closed;
-    CFile empty(dir / "empty", CFile::eModeRead, CFile::eAccessRead, false);
     CMappedMem whole, part(file, 3, page), unaligned(file, 3, 100);
     EXPECT_FALSE(unaligned.IsValid());
     EXPECT_EQ(EINVAL, errno);
     EXPECT_EQ("xyz", std::string(static_cast<const char*>(part.GetPointer()), part.GetSize()));
-    EXPECT_FALSE(whole.MapFile(closed, 0, 0) || whole.MapFile(empty, 0, 0) || whole.GetPointer() != nullptr);
+    EXPECT_FALSE(whole.MapFile(closed, 0, 0) || whole.MapMemory(0, CFile::eAccessRead));
+    EXPECT_EQ(EINVAL, errno);
     ASSERT_TRUE(whole.MapFile(file, 0, 0));
     EXPECT_FALSE(whole.MapFile(file, 3, page) || whole.MapMemory(4096, CFile::eAccessReadWrite));
     EXPECT_EQ(content, std::string(static_cast<const char*>(whole.GetPointer()), whole.GetSize()));
 }
 
-TEST(CMappedMem, FileProtectionFollowsTheAccessClassAndWritesReachTheFile)
+// Created files get the access class's bits less the umask, anonymous mappings its protection
+// (MapMemory keeps it in a CFile whose open fails), file mappings too when the open mode allows.
+TEST(CMappedMem, AccessClassesGiveFileBitsAndTheProtectionOfMappings)
 {
-    const struct {
-        CFile::Mode_e mode;
-        int access;
-        const char* perms;  // "" when the system refuses the mapping
-    } cases[] = {
-        {CFile::eModeRead, CFile::eAccessRead, "r--s"},     {CFile::eModeRead, CFile::eAccessReadWrite, ""},
-        {CFile::eModeReadWrite, CFile::eAccessReadWrite, "rw-s"}, {CFile::eModeReadWrite, 7, "---s"},
-        {CFile::eModeWrite, CFile::eAccessRead, ""},        {CFile::eModeAppend, CFile::eAccessRead, ""},
+    const std::tuple<int, mode_t, const char*, CFile::Mode_e, const char*> cases[] = {
+        {CFile::eAccessRead, 0444, "r--s", CFile::eModeRead, "r--s"},
+        {CFile::eAccessReadWrite, 0666, "rw-s", CFile::eModeReadWrite, "rw-s"},
+        {CFile::eAccessReadWrite, 0666, "rw-s", CFile::eModeRead, ""},  // refused by the system
+        {CFile::eAccessReadWriteExecute, 0777, "rwxs", CFile::eModeWrite, ""},
+        {3, 0, "---s", CFile::eModeReadWrite, "---s"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode * 10 + c.access);
+    const mode_t oldMask = umask(027);
+    for (const auto& [access, bits, anonymous, mode, perms] : cases) {
         KqTest::TempDir dir;
+        CFile created(dir / "new", CFile::eModeCreateNew, CFile::Access_e(access), false);
+        struct stat st;
+        EXPECT_EQ(0, stat((dir / "new").c_str(), &st));
+        EXPECT_EQ(bits & 0750, st.st_mode & 0777) << access;
+        EXPECT_EQ(anonymous, MapsPermissions(CMappedMem(4096, CFile::Access_e(access)).GetPointer()));
         WriteText(dir / "f", "some bytes");
         CMappedMem map;
         {
-            CFile file(dir / "f", c.mode, CFile::Access_e(c.access), false);
-            EXPECT_EQ(*c.perms != '\0', map.MapFile(file, 4, 0));
+            CFile file(dir / "f", mode, CFile::Access_e(access), false);
+            EXPECT_EQ(*perms != '\0', map.MapFile(file, 4, 0));
         }
-        EXPECT_EQ(c.perms, map.IsValid() ? MapsPermissions(map.GetPointer()) : "");
-        if (c.access == CFile::eAccessReadWrite && map.IsValid()) {
-            memcpy(map.GetPointer(), "SOME", 4);  // the mapping outlives the CFile
-            EXPECT_EQ("SOME bytes", ReadText(dir / "f"));
-        }
-    }
-}
-
-// Created files get the access class's bits less the umask, anonymous mappings its
-// protection; MapMemory keeps the access class in a CFile whose open fails.
-TEST(CMappedMem, AccessClassesGiveFileBitsAndAnonymousProtection)
-{
-    const struct {
-        int access;
-        mode_t bits;
-        const char* perms;
-    } cases[] = {{CFile::eAccessRead, 0444, "r--s"},
-                 {CFile::eAccessReadWrite, 0666, "rw-s"},
-                 {CFile::eAccessReadWriteExecute, 0777, "rwxs"},
-                 {3, 0, "---s"}};
-    const mode_t oldMask = umask(027);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.access);
-        KqTest::TempDir dir;
-        CFile file(dir / "new", CFile::eModeCreateNew, CFile::Access_e(c.access), false);
-        struct stat st;
-        EXPECT_EQ(0, stat((dir / "new").c_str(), &st));
-        EXPECT_EQ(c.bits & 0750, st.st_mode & 0777);
-        CMappedMem map(4096, CFile::Access_e(c.access));
-        EXPECT_EQ(4096u, map.GetSize());
-        EXPECT_EQ(c.perms, MapsPermissions(map.GetPointer()));
+        EXPECT_EQ(perms, MapsPermissions(map.GetPointer())) << mode;  // the mapping outlives the CFile
     }
     umask(oldMask);
-}
-
-TEST(CMappedMem, AnonymousMemoryIsZeroedAndSharedWithAForkedChild)
-{
-    CMappedMem map;
-    EXPECT_FALSE(map.MapMemory(0, CFile::eAccessReadWrite));
-    EXPECT_EQ(EINVAL, errno);
-    ASSERT_TRUE(map.MapMemory(4096, CFile::eAccessReadWrite));
-    char* const bytes = static_cast<char*>(map.GetPointer());
-    EXPECT_EQ(std::string(4096, '\0'), std::string(bytes, 4096));
-    const pid_t child = fork();
-    if (child == 0) {
-        strcpy(bytes, "from the child");
-        _exit(0);
-    }
-    ASSERT_EQ(child, waitpid(child, nullptr, 0));
-    EXPECT_STREQ("from the child", bytes);
 }
 
 }  // namespace
