@@ -1,5 +1,5 @@
-// KqDeadline.h: relative time-outs turned into absolute CLOCK_MONOTONIC
-// deadlines for the library's blocking waits (internal, Linux).
+// KqDeadline.h: relative time-outs turned into absolute deadlines for the
+// library's blocking waits (internal, Linux).
 #pragma once
 
 #include <time.h>
@@ -17,12 +17,12 @@ inline uint64_t MsToNs(unsigned long ms)
     return ms > maxMs ? std::numeric_limits<uint64_t>::max() : static_cast<uint64_t>(ms) * 1000000u;
 }
 
-// The CLOCK_MONOTONIC time nanoseconds from now; the seconds saturate at the
+// The time on clock nanoseconds from now; the seconds saturate at the
 // largest time_t rather than wrapping.
-inline timespec MonotonicDeadline(uint64_t nanoseconds)
+inline timespec DeadlineOn(clockid_t clock, uint64_t nanoseconds)
 {
     timespec deadline = {0, 0};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    clock_gettime(clock, &deadline);
     const uint64_t seconds = nanoseconds / 1000000000u;
     const time_t maxSeconds = std::numeric_limits<time_t>::max();
     deadline.tv_nsec += static_cast<long>(nanoseconds % 1000000000u);
@@ -37,6 +37,9 @@ inline timespec MonotonicDeadline(uint64_t nanoseconds)
     }
     return deadline;
 }
+
+// The CLOCK_MONOTONIC time nanoseconds from now, saturating.
+inline timespec MonotonicDeadline(uint64_t nanoseconds) { return DeadlineOn(CLOCK_MONOTONIC, nanoseconds); }
 
 }  // namespace INTERNAL
 }  // namespace KQ

@@ -1,6 +1,7 @@
 // KqNamedQ.cpp: CNamedQ on POSIX message queues (Linux).
 #include "KqNamedQ.h"
 
+#include "KqDeadline.h"
 #include "KqOutput.h"
 
 #include <cerrno>
@@ -25,15 +26,7 @@ const mqd_t NO_QUEUE = static_cast<mqd_t>(-1);
 // mq_timedreceive want it.
 timespec DeadlineAfter(unsigned long milliseconds)
 {
-    timespec deadline = {0, 0};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += static_cast<time_t>(milliseconds / 1000);
-    deadline.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
-    if (deadline.tv_nsec > 999999999L) {
-        deadline.tv_nsec -= 1000000000L;
-        deadline.tv_sec += 1;
-    }
-    return deadline;
+    return INTERNAL::DeadlineOn(CLOCK_REALTIME, INTERNAL::MsToNs(milliseconds));
 }
 
 // True for a send result of 0; otherwise prints the send-failed line for
