@@ -80,14 +80,12 @@ TEST_F(Rs232, BytesPassUntranslatedAndTimedReadsWait)
     EXPECT_EQ(5, read(master, got, sizeof got));
     EXPECT_EQ(0, memcmp(out, got, 5));
 
-    unsigned char in[4] = {};
-    KQ::CSlice<unsigned char> slice(in, sizeof in);
+    char in[4] = {};
+    KQ::CSlice<unsigned char> slice(reinterpret_cast<unsigned char*>(in), sizeof in);
     const auto start = steady_clock::now();
     EXPECT_EQ(0u, port.Read(slice, 200));
     EXPECT_GE(steady_clock::now() - start, 190ms);
     ASSERT_EQ(6, write(master, "x\ry\x04z!", 6));
-    ASSERT_EQ(4u, port.Read(slice, 5000));  // input waiting: at most m_Length bytes
-    EXPECT_EQ(0, memcmp("x\ry\x04", in, 4));
-    EXPECT_EQ(2u, port.Read(slice));
-    EXPECT_EQ(0, memcmp("z!", in, 2));
+    EXPECT_EQ("x\ry\x04", std::string(in, port.Read(slice, 5000)));  // input waiting: at most m_Length bytes
+    EXPECT_EQ("z!", std::string(in, port.Read(slice)));
 }
