@@ -8,16 +8,14 @@
 
 #include <signal.h>
 
-// Set by the build to the kq-demo executable, or empty when it is not built.
-const char* const DEMO_PATH = KQ_DEMO_PATH;
-
 TEST(ExampleService, StopsCleanlyOnSigterm)
 {
-    if (*DEMO_PATH == '\0') {
+    // The build sets KQ_DEMO_PATH to the kq-demo executable, or empty when it is not built.
+    if (*KQ_DEMO_PATH == '\0') {
         GTEST_SKIP() << "kq-demo is not built (KQ_BUILD_EXAMPLES=OFF)";
     }
     // The shell prints its pid, which kq-demo keeps through exec.
-    FILE* out = popen((std::string("echo $$; exec '") + DEMO_PATH + "' --seconds 60").c_str(), "r");
+    FILE* out = popen((std::string("echo $$; exec '") + KQ_DEMO_PATH + "' --seconds 60").c_str(), "r");
     ASSERT_NE(out, nullptr);
     char line[512];
     const pid_t pid = fgets(line, sizeof line, out) != nullptr ? std::atoi(line) : 0;
@@ -31,7 +29,6 @@ TEST(ExampleService, StopsCleanlyOnSigterm)
             signalled = kill(pid, SIGTERM) == 0;
         }
     }
-    EXPECT_TRUE(signalled) << text;
     EXPECT_EQ(pclose(out), 0) << "exit status 0 after SIGTERM\n" << text;
     EXPECT_NE(text.find("kq-demo: summary: ran "), std::string::npos) << text;
     EXPECT_EQ(text.find("run time is up"), std::string::npos) << "stopped by the signal, not the clock";

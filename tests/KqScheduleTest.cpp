@@ -1,7 +1,6 @@
 // Tests of the schedule: run order, drift-free periods, cancellation, waking
 // a waiting pass and event counts.
 #include "KqSchedule.h"
-#include "KqTime.h"
 
 #include <gtest/gtest.h>
 
@@ -33,7 +32,6 @@ TEST(ScheduleOrder, EarliestDueFirstCancelledCountedUntilAtTheFrontAlsoFromTheir
     }
     later = schedule.AddEvent(Append(log, 25), 25, false);
     CSchedule::CEvent(later).Cancel();  // through a copy
-    EXPECT_EQ(schedule.GetEventCount(), 5u);
     // A pass that did not wait would use up the passes long before the later events are due.
     for (int pass = 0; pass < 1000 && log.size() < 2; ++pass) {
         schedule.ProcessSchedule();
