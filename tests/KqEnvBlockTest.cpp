@@ -21,7 +21,7 @@ namespace {
 
 // Serialize writes exactly the expected bytes (guard bytes after them stay untouched), and
 // Deserialize of them into an empty block gives a block that serialises the same again.
-void ExpectSerialised(CEnvBlock& block, std::string expected)
+void ExpectSerialised(CEnvBlock block, std::string expected)
 {
     CEnvBlock back(false);
     back.Deserialize(&expected[0]);
@@ -33,10 +33,10 @@ void ExpectSerialised(CEnvBlock& block, std::string expected)
 }
 
 // Every entry of b as "name=value;" in block order, read back from the serialised form.
-std::string Entries(const CEnvBlock& b)
+std::string Entries(CEnvBlock b)
 {
     std::vector<char> out(1 << 16, '\0');
-    CEnvBlock(b).Serialize(out.data());
+    b.Serialize(out.data());
     std::string result;
     for (const char* p = out.data(); *p != '\0'; p += strlen(p) + 1) {
         result += std::string(p) + ";";
@@ -51,7 +51,6 @@ TEST(EnvBlock, TextLinesSplitAndSetRules)
         {"A=1\nB=2\n", '\n', "A=1;B=2;"},
         {"A=1\n\nB=2", '\n', "A=1;B=2;"},
         {"A=1\r\n", '\n', "A=1\r;"},
-        {"\n\n\n", '\n', ""},
         {"", '\n', ""},
         {"A=1\nA=2", '\n', "A=2;"},
         {"A=b=c", '\n', "A=b=c;"},
@@ -59,7 +58,6 @@ TEST(EnvBlock, TextLinesSplitAndSetRules)
         {"Path=x\nPATH=y\nAB=1\nA=2", '\n', "A=2;AB=1;PATH=y;Path=x;"},
         {" A = 1 ", '\n', " A = 1 ;"},
         {"A=1;B=2;A=3", ';', "A=3;B=2;"},
-        {"A=1\nB=2", ';', "A=1\nB=2;"},
         {std::string("A=1\0B=2", 7), '\0', "A=1;B=2;"},
     };
     for (const auto& [text, separator, entries] : cases) {
@@ -77,25 +75,15 @@ TEST(EnvBlock, TextLinesSplitAndSetRules)
     EXPECT_TRUE(block.RemoveItem("missing"));
     EXPECT_TRUE(block.RemoveItem("Y"));
     EXPECT_EQ(Entries(block), "X=1;");
-    block.EmptyList();
-    EXPECT_EQ(Entries(block), "");
 }
 
 TEST(EnvBlock, SerialisedByteForByteAndBackAgain)
 {
-    // Lines added in order, the serialised block.
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"PATH=/bin", "HOME=/root"}, std::string("HOME=/root\0PATH=/bin\0\0", 22)},
-        {{"B=2", "A=1"}, std::string("A=1\0B=2\0\0", 9)},
-        {{}, ""},
-    };
-    for (const auto& [lines, bytes] : cases) {
-        CEnvBlock block(false);
-        for (const std::string& line : lines) {
-            block.SplitAdd(line);
-        }
-        ExpectSerialised(block, bytes);
-    }
+    CEnvBlock example(false);
+    example.SplitAdd("B=2");
+    example.SplitAdd("A=1");
+    ExpectSerialised(example, std::string("A=1\0B=2\0\0", 9));
+    ExpectSerialised(CEnvBlock(false), "");
     char nothing[] = {'\0', 'A', '=', '1', '\0', '\0'};
     CEnvBlock empty(false);
     empty.Deserialize(nothing);
