@@ -63,7 +63,7 @@ TEST(CFsPathHelpers, TableRowByRow)
     }
 }
 
-TEST(CFsCopyFile, ContentAndModeThenMoveAcrossFileSystems)
+TEST(CFsCopyFile, ContentModeMoveAcrossFileSystemsAndRefusals)
 {
     KqTest::TempDir dir;
     WriteAll(dir / "src", DATA);
@@ -80,63 +80,34 @@ TEST(CFsCopyFile, ContentAndModeThenMoveAcrossFileSystems)
     EXPECT_EQ(fs::perms(0600), fs::status(dir / "old").permissions());  // kept
     EXPECT_FALSE(CFs::CopyFile(dir / "missing", dir / "none"));
     EXPECT_FALSE(CFs::FsNodeExists(dir / "none"));
-    // /dev/shm is another file system here, where rename fails with EXDEV.
-    const std::string other = "/dev/shm/kq-move-" + std::to_string(getpid());
-    ASSERT_TRUE(CFs::MoveFile(dir / "new", other));
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "new"));
-    EXPECT_EQ(DATA, ReadAll(other));
-    EXPECT_TRUE(CFs::DelFile(other));
-}
-
-TEST(CFsCopyFile, FailedWriteRemovesTheDestination)
-{
-    KqTest::TempDir dir;
-    WriteAll(dir / "src", DATA);
-    WriteAll(dir / "dst", "existing");
-    // A file-size limit of one piece fails the second write with EFBIG (SIGXFSZ ignored), like a full disk.
-    struct rlimit saved;
-    getrlimit(RLIMIT_FSIZE, &saved);
-    const struct rlimit limited = {4096, saved.rlim_max};
-    signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limited));
-    const bool copied = CFs::CopyFile(dir / "src", dir / "dst");
-    const int error = errno;
-    setrlimit(RLIMIT_FSIZE, &saved);
-    signal(SIGXFSZ, SIG_DFL);
-    EXPECT_FALSE(copied);
-    EXPECT_EQ(EFBIG, error);
-    EXPECT_FALSE(CFs::FsNodeExists(dir / "dst"));
-}
-
-TEST(CFsCopyFile, SameFileIsRefusedUntouched)
-{
-    KqTest::TempDir dir;
-    WriteAll(dir / "src", DATA);
+    // The same file under another name is refused untouched.
     ASSERT_EQ(0, link((dir / "src").c_str(), (dir / "hard").c_str()));
     ASSERT_EQ(0, symlink("src", (dir / "soft").c_str()));
     for (const std::string& to : {dir / "src", dir / "hard", dir / "soft"}) {
         errno = 0;
         EXPECT_FALSE(CFs::CopyFile(dir / "soft", to)) << to;
         EXPECT_EQ(EINVAL, errno);
-        EXPECT_EQ(DATA, ReadAll(dir / "src"));
     }
-}
-
-TEST(CDirectoryOpen, CreatesTheLastComponentAndWorksOnNamesInIt)
-{
-    KqTest::TempDir tmp;
-    CDirectory dir;
-    EXPECT_FALSE(dir.Open(tmp / "new/sub"));  // only the last component is created
-    EXPECT_FALSE(dir.CreateFile("f"));        // in the path of the failed Open
-    ASSERT_TRUE(dir.Open(tmp / "new"));
-    EXPECT_FALSE(dir.Open(""));  // changes nothing: the stream stays open
-    WriteAll(tmp / "new/f", "hello");
-    EXPECT_EQ(5u, dir.GetFileSize("f"));
-    EXPECT_TRUE(dir.CreateFile("f"));  // truncates
-    EXPECT_EQ(0u, dir.GetFileSize("f"));
-    EXPECT_EQ(0, dir.CloseFile(dir.OpenFile("f", "r")));
-    EXPECT_EQ(nullptr, dir.OpenFile("missing", "r"));
-    EXPECT_EQ(std::set<std::string>({".", "..", "f"}), ListAll(dir, &CDirectory::GetNextEntry));
+    EXPECT_EQ(DATA, ReadAll(dir / "src"));
+    // /dev/shm is another file system here, where rename fails with EXDEV.
+    const std::string other = "/dev/shm/kq-move-" + std::to_string(getpid());
+    ASSERT_TRUE(CFs::MoveFile(dir / "new", other));
+    EXPECT_FALSE(CFs::FsNodeExists(dir / "new"));
+    EXPECT_EQ(DATA, ReadAll(other));
+    EXPECT_TRUE(CFs::DelFile(other));
+    // A file-size limit of one piece fails the second write with EFBIG (SIGXFSZ ignored), like a full disk.
+    struct rlimit saved;
+    getrlimit(RLIMIT_FSIZE, &saved);
+    const struct rlimit limited = {4096, saved.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limited));
+    const bool copied = CFs::CopyFile(dir / "src", dir / "old");
+    const int error = errno;
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, SIG_DFL);
+    EXPECT_FALSE(copied);
+    EXPECT_EQ(EFBIG, error);
+    EXPECT_FALSE(CFs::FsNodeExists(dir / "old"));
 }
 
 TEST(CDirectory, ListingsAndSizesWithLinksFifosAndDepths)
@@ -154,11 +125,21 @@ TEST(CDirectory, ListingsAndSizesWithLinksFifosAndDepths)
     ASSERT_EQ(0, symlink("nowhere", (tmp / "dangling").c_str()));
     EXPECT_FALSE(CFs::FsNodeExists(tmp / "dangling"));
     CDirectory dir;
+    EXPECT_FALSE(dir.Open(tmp / "new/sub"));  // only the last component is created
+    EXPECT_FALSE(dir.CreateFile("f"));        // in the path of the failed Open
+    ASSERT_TRUE(dir.Open(tmp / "new"));
+    EXPECT_FALSE(dir.Open(""));  // changes nothing: the stream stays open
+    WriteAll(tmp / "new/f", "hello");
+    EXPECT_EQ(5u, dir.GetFileSize("f"));
+    EXPECT_TRUE(dir.CreateFile("f"));  // truncates
+    EXPECT_EQ(0u, dir.GetFileSize("f"));
+    EXPECT_EQ(0, dir.CloseFile(dir.OpenFile("f", "r")));
+    EXPECT_EQ(nullptr, dir.OpenFile("missing", "r"));
     ASSERT_TRUE(dir.Open(tmp.Path()));
     EXPECT_EQ(std::set<std::string>({"f", "g", "fifo", "to-dir", "dangling"}), ListAll(dir, &CDirectory::GetNextFile));
     EXPECT_EQ("", dir.GetNextEntry());  // both listings share the stream
     dir.Rewind();
-    EXPECT_EQ(std::set<std::string>({".", "..", "d", "f", "g", "fifo", "to-dir", "dangling"}),
+    EXPECT_EQ(std::set<std::string>({".", "..", "d", "new", "f", "g", "fifo", "to-dir", "dangling"}),
               ListAll(dir, &CDirectory::GetNextEntry));
     // GetSize against the stat sizes of the regular files at most depth levels below, links followed.
     for (int depth : {0, 1, 2, 3, 100}) {
@@ -173,7 +154,7 @@ TEST(CDirectory, ListingsAndSizesWithLinksFifosAndDepths)
     }
 }
 
-TEST(CDirectoryDeleteAllFiles, RemovesExactlyThePathWhateverItHolds)
+TEST(CDirectoryDeleteAllFiles, RemovesExactlyThePathWhateverItHoldsButNeverTheRoot)
 {
     KqTest::TempDir tmp;
     const fs::path home = fs::current_path();
@@ -190,10 +171,6 @@ TEST(CDirectoryDeleteAllFiles, RemovesExactlyThePathWhateverItHolds)
     EXPECT_TRUE(CFs::FsNodeExists("a"));
     EXPECT_FALSE(CFs::FsNodeExists("pwned"));
     fs::current_path(home);
-}
-
-TEST(CDirectoryDeleteAllFiles, RefusesAnEmptyPathAndTheRoot)
-{
     // With no rm to be found, a refusal that fails still removes nothing.
     const std::string path = getenv("PATH");
     setenv("PATH", "/nonexistent", 1);

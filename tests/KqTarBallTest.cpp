@@ -15,10 +15,7 @@ using KQ::CTarBall;
 
 namespace {
 
-void WriteBytes(const std::string& path, const std::string& bytes)
-{
-    std::ofstream(path, std::ios::binary) << bytes;
-}
+void WriteBytes(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
 // Member data that differs from member to member.
 std::string Content(size_t size)
@@ -78,8 +75,7 @@ TEST(CTarBall, WalksAndFindsTheMembersThatGnuTarWrote)
     EXPECT_EQ(int(offset), tar.NextFile());
     EXPECT_STREQ("d/", tar.GetCurrFile());
     int members = 7, step = 0;
-    while ((step = tar.NextFile()) >= 0) {
-        ++members;
+    for (; (step = tar.NextFile()) >= 0; ++members) {
     }
     EXPECT_EQ(308, members);
     EXPECT_EQ(-2, step);  // the zero record that ends the archive
@@ -126,8 +122,7 @@ TEST(CTarBall, HandMadeAndHostileArchivesEndTheWalkWithoutReadingOutside)
         EXPECT_EQ(status, tar.GetStatus()) << name;
         EXPECT_EQ(firstSize, tar.GetFileSize()) << name;
         int walked = 1, step = 0;
-        while (walked < 10 && (step = tar.NextFile()) >= 0) {
-            ++walked;
+        for (; walked < 10 && (step = tar.NextFile()) >= 0; ++walked) {
         }
         EXPECT_EQ(members, walked) << name;
         EXPECT_EQ(end, step);
