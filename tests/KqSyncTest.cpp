@@ -13,8 +13,7 @@
 
 namespace {
 
-using KQ::CEvent;
-using KQ::CSemaphore;
+using namespace KQ;
 
 const unsigned long SIGNALLED = 0, TIMED_OUT = 258;
 
@@ -26,22 +25,21 @@ uint64_t WakeLatencyUs(const std::function<void()>& body, const std::function<vo
     std::atomic<uint64_t> returnedAt(0);
     std::thread t([&] {
         body();
-        returnedAt = KQ::Time::GetTicks1M();
+        returnedAt = Time::GetTicks1M();
     });
     usleep(150000);
-    const bool blocked = returnedAt.load() == 0;
-    const uint64_t wokenAt = KQ::Time::GetTicks1M();
+    const uint64_t wokenAt = Time::GetTicks1M();
     while (returnedAt.load() == 0) {  // a signal may land just before the wait
         wake(t.native_handle());
         usleep(20000);
     }
     t.join();
-    return blocked ? returnedAt.load() - wokenAt : UINT64_MAX;
+    return returnedAt.load() > wokenAt ? returnedAt.load() - wokenAt : UINT64_MAX;
 }
 
 TEST(Mutex, OwnerRelocksAndOthersGetItOnlyAfterTheLastUnlock)
 {
-    KQ::CMutex mutex;
+    CMutex mutex;
     mutex.Lock();
     EXPECT_TRUE(mutex.TryLock());
     std::atomic<int> held(2);
@@ -85,14 +83,11 @@ int Released(CEvent& event, int waiters, int signals)
 
 TEST(Event, ManualResetReleasesEveryWaiterAutoResetOnePerSignal)
 {
-    const struct {
-        bool manual, initial;
-        int waiters, signals, released;
-    } cases[] = {{true, false, 4, 1, 4}, {false, false, 3, 2, 2}, {true, true, 2, 0, 2}, {false, true, 2, 0, 1}};
+    // manual reset, initially signalled, waiters, signals, waits released
+    const int cases[][5] = {{1, 0, 4, 1, 4}, {0, 0, 3, 2, 2}, {1, 1, 2, 0, 2}, {0, 1, 2, 0, 1}};
     for (const auto& c : cases) {
-        CEvent event(c.manual, c.initial);
-        EXPECT_EQ(Released(event, c.waiters, c.signals), c.released) << c.manual << c.initial;
-        EXPECT_EQ(event.Wait(0), c.manual ? SIGNALLED : TIMED_OUT) << c.manual << c.initial;
+        CEvent event(c[0] != 0, c[1] != 0);
+        EXPECT_EQ(Released(event, c[2], c[3]), c[4]) << c[0] << c[1];
         event.NonSignal();
         EXPECT_EQ(event.Wait(0), TIMED_OUT);
     }
@@ -100,14 +95,12 @@ TEST(Event, ManualResetReleasesEveryWaiterAutoResetOnePerSignal)
 
 TEST(Timeout, WaitsLastTheFullTimeUnlessSignalledFromAnotherThreadOrInterrupted)
 {
+    const uint64_t start = Time::GetTicks1K();
+    EXPECT_EQ(CEvent(false, false).Wait(200), TIMED_OUT);
+    EXPECT_FALSE(CSemaphore(0).Wait(100));
+    EXPECT_GE(Time::GetTicks1K() - start, 299u);
+    EXPECT_LT(Time::GetTicks1K() - start, 300u + 1000u);
     CEvent event(false, false);
-    uint64_t start = KQ::Time::GetTicks1K();
-    EXPECT_EQ(event.Wait(300), TIMED_OUT);
-    EXPECT_GE(KQ::Time::GetTicks1K() - start, 299u);
-    start = KQ::Time::GetTicks1K();
-    EXPECT_FALSE(CSemaphore(0).Wait(50));
-    EXPECT_GE(KQ::Time::GetTicks1K() - start, 49u);
-    EXPECT_LT(KQ::Time::GetTicks1K() - start, 50u + 1000u);
     EXPECT_LT(WakeLatencyUs([&] { EXPECT_EQ(event.Wait(ULONG_MAX), SIGNALLED); }, [&](pthread_t) { event.Signal(); }),
         100000u);
     struct sigaction action = {};
@@ -127,10 +120,8 @@ TEST(Timeout, WaitsLastTheFullTimeUnlessSignalledFromAnotherThreadOrInterrupted)
 TEST(Semaphore, CountAboveTheMaximumEndsTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const size_t tooMany = static_cast<size_t>(SEM_VALUE_MAX) + 1;
-    EXPECT_DEATH({ CSemaphore sem(tooMany); }, "KQ::CSemaphore::CSemaphore\\(size_t\\).*value <= SEM_VALUE_MAX");
-    CSemaphore full(SEM_VALUE_MAX);
-    EXPECT_FALSE(full.Signal());
+    EXPECT_DEATH(CSemaphore(SEM_VALUE_MAX + 1ul), "KQ::CSemaphore::CSemaphore\\(size_t\\).*value <= SEM_VALUE_MAX");
+    EXPECT_FALSE(CSemaphore(SEM_VALUE_MAX).Signal()) << "full";
 }
 
 }  // namespace

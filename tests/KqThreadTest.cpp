@@ -13,57 +13,46 @@
 
 namespace {
 
-using KQ::CSemaphore;
-using KQ::CThread;
+using namespace KQ;
 
-// A CThread whose functor runs body, signals m_Called and returns m_Result.
+// A CThread whose functor signals m_Entered, runs body, signals m_Called and
+// returns m_Result.
 struct Probe {
-    CSemaphore m_Called{0};
-    bool m_Result = false;
+    CSemaphore m_Entered{0}, m_Called{0};
+    std::atomic<bool> m_Result{false};
     CThread m_Thread;
 
     explicit Probe(std::function<void()> body = [] {}, int priority = 1, int policy = SCHED_OTHER)
-        : m_Thread(KQ::MakeFunctor([this, body] {
+        : m_Thread(MakeFunctor([this, body] {
+              m_Entered.Signal();
               body();
               m_Called.Signal();
-              return m_Result;
+              return m_Result.load();
           }),
               "probe", priority, policy)
     {
     }
 };
 
-TEST(ThreadGate, FunctorWaitsForRunAndFalseParksUntilTheNextRun)
+TEST(ThreadGate, CallsWaitForRunAndFalseOrPauseParksTheThreadAfterTheCurrentCall)
 {
-    Probe probe;
-    EXPECT_FALSE(probe.m_Called.Wait(100)) << "no call before Run()";
-    for (int round = 1; round <= 3; ++round) {
+    CSemaphore proceed(0);
+    Probe probe([&] { proceed.Wait(10000); });
+    EXPECT_FALSE(probe.m_Entered.Wait(100)) << "no call before Run()";
+    for (bool pause : {false, true, false, true}) {
+        probe.m_Result = pause;
         probe.m_Thread.Run();
-        EXPECT_TRUE(probe.m_Called.Wait(5000)) << round;
-        EXPECT_FALSE(probe.m_Called.Wait(50)) << round;
+        ASSERT_TRUE(probe.m_Entered.Wait(5000));
+        if (pause) {
+            probe.m_Thread.Pause();
+        }
+        proceed.Signal();
+        EXPECT_TRUE(probe.m_Called.Wait(5000));
+        EXPECT_FALSE(probe.m_Entered.Wait(100)) << "no next call, pause " << pause;
     }
     Probe parked;
     EXPECT_TRUE(parked.m_Thread.Cancel());
-    EXPECT_FALSE(parked.m_Thread.Cancel()) << "nothing left to cancel";
-    EXPECT_FALSE(parked.m_Called.TryWait()) << "a thread cancelled at the gate makes no call";
-}
-
-TEST(ThreadGate, PauseLetsTheCurrentCallFinishAndRunResumes)
-{
-    CSemaphore entered(0), proceed(0);
-    Probe probe([&] {
-        entered.Signal();
-        proceed.Wait(10000);
-    });
-    probe.m_Result = true;
-    for (int round = 1; round <= 2; ++round) {
-        probe.m_Thread.Run();
-        ASSERT_TRUE(entered.Wait(5000));
-        probe.m_Thread.Pause();
-        proceed.Signal();
-        EXPECT_TRUE(probe.m_Called.Wait(5000));
-        EXPECT_FALSE(entered.Wait(100)) << "no next call while paused";
-    }
+    EXPECT_FALSE(parked.m_Entered.TryWait()) << "a thread cancelled at the gate makes no call";
 }
 
 TEST(ThreadCancel, SignalBreaksBlockingCallsAndASpinnerIsGivenUpOnAfterAboutFourSeconds)
@@ -78,34 +67,25 @@ TEST(ThreadCancel, SignalBreaksBlockingCallsAndASpinnerIsGivenUpOnAfterAboutFour
         }};
     for (const std::function<void()>& block : blocks) {
         const bool spins = &block == &blocks[3];
-        CSemaphore entered(0);
-        Probe probe([&] {
-            entered.Signal();
-            block();
-        });
+        Probe probe(block);
         probe.m_Thread.Run();
-        ASSERT_TRUE(entered.Wait(5000));
-        CThread::Sleep(20);
-        const uint64_t start = KQ::Time::GetTicks1K();
+        ASSERT_TRUE(probe.m_Entered.Wait(5000));
+        const uint64_t start = Time::GetTicks1K();
         EXPECT_EQ(probe.m_Thread.Cancel(), !spins);
-        EXPECT_GE(KQ::Time::GetTicks1K() - start, spins ? 4000u : 0u);
-        EXPECT_LT(KQ::Time::GetTicks1K() - start, spins ? 4095u + 3000u : 4000u);
+        EXPECT_GE(Time::GetTicks1K() - start, spins ? 4000u : 0u);
+        EXPECT_LT(Time::GetTicks1K() - start, spins ? 4095u + 3000u : 4000u);
         stop = spins;  // the quit flag stays set: the spinner ends after this call
         EXPECT_EQ(probe.m_Thread.Join(), spins);
     }
 }
 
-TEST(ThreadPriority, OrdinaryPolicyClampsToTheNiceScale)
+TEST(ThreadPriority, ClampedToThePolicysScaleAndAFifoThreadRunsAtItsStaticPriority)
 {
     const int cases[][2] = {{100, 20}, {-50, -19}, {20, 20}, {-19, -19}, {0, 0}, {5, 5}};
     for (const auto& c : cases) {
         EXPECT_EQ(CThread::GetValidPriority(c[0]), c[1]) << c[0];
     }
     EXPECT_FALSE(Probe([] {}, 1, 12345).m_Thread.IsValid()) << "unknown policy";
-}
-
-TEST(ThreadPriority, FifoThreadRunsAtItsStaticPriority)
-{
     const sched_param param = {1};
     int error = 0;
     std::thread([&] { error = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param); }).join();
@@ -127,18 +107,15 @@ TEST(ThreadAffinity, SetsAreAppliedAndOutOfRangeCpusIgnored)
 {
     const std::set<unsigned int> all = CThread::GetAffinity();
     const unsigned int first = *all.begin(), last = *all.rbegin();
-    std::set<unsigned int> pinned, moved;
     Probe probe([&] {
-        pinned = CThread::GetAffinity();
+        EXPECT_EQ(CThread::GetAffinity(), std::set<unsigned int>{first}) << "set before Run()";
         EXPECT_FALSE(CThread::SetAffinity(std::set<unsigned int>{1024u, 4096u})) << "only ignored CPUs";
         EXPECT_TRUE(CThread::SetAffinity(std::set<unsigned int>{last, 5000u}));
-        moved = CThread::GetAffinity();
+        EXPECT_EQ(CThread::GetAffinity(), std::set<unsigned int>{last});
     });
     EXPECT_TRUE(probe.m_Thread.SetAffinity(first));
     probe.m_Thread.Run();
     EXPECT_TRUE(probe.m_Called.Wait(5000));
-    EXPECT_EQ(pinned, std::set<unsigned int>{first});
-    EXPECT_EQ(moved, std::set<unsigned int>{last});
 }
 
 }  // namespace
