@@ -1,8 +1,9 @@
 // KqOutput.cpp: the print hook, MyPrintf and the text helpers (portable).
 #include "KqOutput.h"
 
+#include "KqErrnoGuard.h"
+
 #include <cctype>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
@@ -21,14 +22,13 @@ void MyPrintf(const char* format, ...)
 {
     // Callers print right after a failing call and promise its errno to
     // their own callers, so neither formatting nor the hook may change it.
-    const int savedErrno = errno;
+    const INTERNAL::CErrnoGuard keep;
     char buffer[256] = {};
     va_list args;
     va_start(args, format);
     vsnprintf(buffer, sizeof buffer, format, args);
     va_end(args);
     pPrintf("%s\n", buffer);
-    errno = savedErrno;
 }
 
 const char* HexStream(std::string& out, const unsigned char* data, int count)

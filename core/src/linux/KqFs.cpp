@@ -1,6 +1,8 @@
 // KqFs.cpp: path-text helpers and file helpers on POSIX calls (Linux).
 #include "KqFile.h"
 
+#include "../KqErrnoGuard.h"
+
 #include <cerrno>
 
 #include <fcntl.h>
@@ -27,7 +29,7 @@ bool IsSameFile(const struct stat& source, const std::string& to)
 // as destination was written to, not created or truncated.
 bool AbandonCopy(int out, int in, const std::string& to)
 {
-    const int saved = errno;
+    const INTERNAL::CErrnoGuard keep;
     struct stat target;
     const bool regular = fstat(out, &target) == 0 && S_ISREG(target.st_mode);
     close(out);
@@ -37,7 +39,6 @@ bool AbandonCopy(int out, int in, const std::string& to)
     if (regular) {
         unlink(to.c_str());
     }
-    errno = saved;
     return false;
 }
 

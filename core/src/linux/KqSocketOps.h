@@ -2,6 +2,7 @@
 // Internal header; not installed.
 #pragma once
 
+#include "../KqErrnoGuard.h"
 #include "KqAddress.h"
 #include "KqSocket.h"
 
@@ -24,19 +25,6 @@ struct CDatagramSocket::Handle_t {
 };
 
 namespace INTERNAL {
-
-// Keeps errno as the failing call set it while a failure is reported and
-// cleaned up (printing and closing may change it).
-class CErrnoGuard {
-public:
-    CErrnoGuard() : m_Saved(errno) {}
-    ~CErrnoGuard() { errno = m_Saved; }
-    CErrnoGuard(const CErrnoGuard&) = delete;
-    CErrnoGuard& operator=(const CErrnoGuard&) = delete;
-
-private:
-    int m_Saved;
-};
 
 // Reports a failed call through perror ("message: errno text" on standard
 // error); errno stays that of the failed call.

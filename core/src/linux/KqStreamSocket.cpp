@@ -41,7 +41,6 @@ bool CStreamSocket::Connect(const ISocketAddress& address)
     }
     const int fd = socket(address.GetSockAddr()->sa_family, SOCK_STREAM, 0);
     if (fd == -1) {
-        INTERNAL::CErrnoGuard keep;
         MyPrintf("socket() failed");
         return false;
     }
